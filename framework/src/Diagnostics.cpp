@@ -1,0 +1,17 @@
+#include "Diagnostics.h"
+
+#include <cstdarg>
+
+namespace diag {
+
+void logUnchecked(const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    __android_log_vprint(ANDROID_LOG_ERROR, METERS_LOG_TAG, fmt, ap);
+#pragma GCC diagnostic pop
+    va_end(ap);
+}
+
+}  // namespace diag

@@ -1,0 +1,55 @@
+#include "DumpData.h"
+
+#include <cutils/properties.h>
+
+#include <cstdio>
+
+#include "seams.h"
+
+namespace {
+
+constexpr char kCsvProperty[] = "debug.vendor.tarn.enable.zq_csv_dump";
+constexpr size_t kPathSize = 150;
+
+bool csvEnabled() {
+    if (DumpData::mEnableCSV.load(std::memory_order_relaxed) == -1) {
+        DumpData::mEnableCSV.store(property_get_bool(kCsvProperty, false) ? 1 : 0,
+                                   std::memory_order_relaxed);
+    }
+    return DumpData::mEnableCSV.load(std::memory_order_relaxed) == 1;
+}
+
+FILE* openCsv(const char* name) {
+    char path[kPathSize];
+    snprintf(path, sizeof(path), "/data/vendor/zq/%s_vmrss.csv", name);
+    return fopen(seams::resolvePath(path).c_str(), "a");
+}
+
+}  // namespace
+
+std::atomic<int32_t> DumpData::mEnableCSV{-1};
+
+void DumpData::Dump(const char* name, int duration, int* values, int count) {
+    if (!csvEnabled() || name == nullptr)
+        return;
+    FILE* f = openCsv(name);
+    if (f == nullptr)
+        return;
+    fprintf(f, "%s,duration=%d,", name, duration);
+    if (values != nullptr) {
+        for (int i = 0; i < count; ++i)
+            fprintf(f, "%d,", values[i]);
+    }
+    fputc('\n', f);
+    fclose(f);
+}
+
+void DumpData::Marker(const char* text, int value, const char* name) {
+    if (!csvEnabled() || text == nullptr || name == nullptr)
+        return;
+    FILE* f = openCsv(name);
+    if (f == nullptr)
+        return;
+    fprintf(f, "%s, launchDuration = %d\n", text, value);
+    fclose(f);
+}

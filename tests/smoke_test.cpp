@@ -1,0 +1,5 @@
+#include <gtest/gtest.h>
+#include "MeterRegistry.h"
+TEST(Smoke, Builds) {
+    SUCCEED();
+}
