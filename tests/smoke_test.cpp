@@ -1,5 +1,0 @@
-#include <gtest/gtest.h>
-#include "MeterRegistry.h"
-TEST(Smoke, Builds) {
-    SUCCEED();
-}
