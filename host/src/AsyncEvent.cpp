@@ -42,7 +42,9 @@ int scanProc(const std::string& appName) {
     while (dirent* entry = readdir(dir)) {
         if (!isNumber(entry->d_name))
             continue;
-        if (readCmdline(entry->d_name) == appName) {
+        // Kernel threads and exited processes have no command line: they never match.
+        const std::string arg0 = readCmdline(entry->d_name);
+        if (!arg0.empty() && arg0 == appName) {
             found = atoi(entry->d_name);
             break;
         }

@@ -32,6 +32,18 @@ void captureLogger(const __android_log_message* msg) {
 
 }  // namespace
 
+// The thread sanitizer's runtime is linked whole and defines every allocation operator
+// strongly, so a replacement here would be a duplicate definition: under it the switch has no
+// effect and tests that rely on it must check that it works.
+#if defined(__SANITIZE_THREAD__)
+#define METERS_TEST_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define METERS_TEST_TSAN 1
+#endif
+#endif
+
+#ifndef METERS_TEST_TSAN
 // The tests' replacement of the non-throwing allocation, switchable to fail on demand. It
 // allocates through the ordinary operator new so sanitizers see matching new/delete pairs.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
@@ -53,6 +65,7 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
         return nullptr;
     }
 }
+#endif
 
 namespace testsupport {
 
