@@ -1,0 +1,312 @@
+#include "VmRssMeter.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <new>
+#include <vector>
+
+#include "Diagnostics.h"
+#include "DumpData.h"
+#include "MeterRegistry.h"
+#include "seams.h"
+
+bool VmRssMeter::registerMeter = MeterRegistry::Register<VmRssMeter>("VmRss");
+
+namespace {
+
+constexpr char kComponent[] = "VmRssMeter:";
+constexpr char kTasksPath[] = "/dev/cpuset/top-app/tasks";
+constexpr char kRssAnonKey[] = "RssAnon:";
+constexpr char kVmSwapKey[] = "VmSwap:";
+
+constexpr uint32_t kHuntEventCode = 0x1043;  // ends the hunt at the last significant change
+constexpr uint32_t kStopEventCode = 0x1002;  // the activity ended: abandon the run
+
+constexpr int32_t kDefaultMaxDurationMs = 8100;
+constexpr int kPidAttempts = 5;
+constexpr uint32_t kPidRetryUs = 200000;
+constexpr uint32_t kSamplePeriodUs = 300000;
+constexpr int32_t kSamplePeriodMs = 300;
+constexpr int kStatusLineSize = 150;
+constexpr int kStatusPathSize = 128;
+
+// A sample that moved more than this many percent from the baseline is a significant change...
+constexpr int32_t kDriftThreshold = 9;
+// ...and so is a spread of at least this many percent since the last change.
+constexpr int32_t kRangeThreshold = 13;
+// Largest quotient whose product with 100 still fits an int32.
+constexpr int64_t kMaxQuotient = 21474836;
+
+int32_t wrappingAdd(int32_t a, int32_t b) {
+    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+// |((a - b) / divisor) * 100|, dividing first: only whole multiples of the divisor count, which
+// keeps the detector deliberately coarse. An overflowing difference counts as no change and an
+// overflowing product as 1 percent, so a wild jump is not taken for a real one.
+int32_t coarsePercentage(int32_t a, int32_t b, int32_t divisor) {
+    int64_t diff = static_cast<int64_t>(a) - static_cast<int64_t>(b);
+    if (diff < INT32_MIN || diff > INT32_MAX)
+        return 0;
+    int64_t quotient = divisor == 0 ? 0 : diff / divisor;
+    if (quotient > kMaxQuotient || quotient < -kMaxQuotient)
+        return 1;
+    int64_t percentage = quotient * 100;
+    return static_cast<int32_t>(percentage < 0 ? -percentage : percentage);
+}
+
+}  // namespace
+
+VmRssMeter::VmRssMeter(MeterInfo info) : Meter(info), mNumSamples(info.numSamples) {
+    Init();
+}
+
+VmRssMeter::VmRssMeter(std::string name, int numSamples, std::list<std::string> /*list*/)
+    : Meter(name), mNumSamples(numSamples) {
+    Init();
+}
+
+VmRssMeter::~VmRssMeter() {
+    delete[] mVmRssValues;
+}
+
+void VmRssMeter::Init() {
+    mLaunchEndpoint = 0;
+    mMaxDurationMs = kDefaultMaxDurationMs;
+    // The previous array is intentionally not freed here.
+    if (mNumSamples >= 1) {
+        mVmRssValues = new (std::nothrow) int32_t[mNumSamples];
+        if (mVmRssValues == nullptr)
+            METER_LOGE(kComponent, "Init", 95, "Failed mVmRssValues ");
+    }
+    mSampleCount = 0;
+    mElapsedMs = 0;
+    mEndpointMs = 0;
+    mBaseline = 0;
+    mMin = 0;
+    mMax = 0;
+    mAborted = false;
+    std::lock_guard<std::mutex> triggerLock(mTriggerMutex);
+    std::lock_guard<std::mutex> stopLock(mStopMutex);
+    mTriggerCount = 0;
+    mStopRequested = false;
+}
+
+void VmRssMeter::Reset() {
+    mSampleCount = 0;
+    mElapsedMs = 0;
+    mEndpointMs = 0;
+    mBaseline = 0;
+    mLaunchEndpoint = 0;
+    mMin = 0;
+    mMax = 0;
+    mAborted = false;
+    std::lock_guard<std::mutex> triggerLock(mTriggerMutex);
+    std::lock_guard<std::mutex> stopLock(mStopMutex);
+    mTriggerCount = 0;
+    mStopRequested = false;
+}
+
+void VmRssMeter::asyncTriggerUpdate(const AsyncTriggerPayload& p) {
+    Meter::asyncTriggerUpdate(p);
+    if (p.hintId == kHuntEventCode) {
+        std::lock_guard<std::mutex> lock(mTriggerMutex);
+        mTriggerCount = wrappingAdd(mTriggerCount, 1);
+    }
+    if (p.hintId == kStopEventCode) {
+        std::lock_guard<std::mutex> lock(mStopMutex);
+        mStopRequested = true;
+    }
+}
+
+void VmRssMeter::start() {
+    Reset();
+
+    std::vector<AsyncTriggerPayload> updates;
+    Meter::getAsyncUpdates(updates);
+    if (updates.empty()) {
+        METER_LOGE(kComponent, "start", 348, "Async Data NULL");
+        return;
+    }
+    AsyncTriggerPayload& launch = updates.front();
+    mMaxDurationMs = launch.intArgs[0];
+
+    int pid = getPid(&launch);
+    if (pid <= 0) {
+        METER_LOGE(kComponent, "start", 359, "Could not find pid, can not collect vmrss data");
+        return;
+    }
+
+    char path[kStatusPathSize];
+    snprintf(path, sizeof(path), "/proc/%d/status", pid);
+    FILE* status = fopen(seams::resolvePath(path).c_str(), "r");
+    if (status != nullptr && mNumSamples < 1) {
+        fclose(status);
+        status = nullptr;
+    }
+
+    if (status != nullptr) {
+        bool closed = false;
+        for (int i = 0;;) {
+            bool stop;
+            {
+                std::lock_guard<std::mutex> lock(mStopMutex);
+                stop = mStopRequested;
+            }
+            if (stop) {
+                mAborted = true;
+                break;
+            }
+            if (hasStopNotification()) {
+                mAborted = true;
+                break;
+            }
+            int value = getProcessVmRss(status);
+            if (value < 1) {  // the process is gone
+                mAborted = true;
+                break;
+            }
+            if (mVmRssValues != nullptr && mSampleCount < mNumSamples) {
+                mVmRssValues[mSampleCount] = value;
+                ++mSampleCount;
+            }
+            int endpoint = detectLaunchEndpoint(value);
+            if (endpoint != 0) {
+                fclose(status);
+                closed = true;
+                if (endpoint >= 1)
+                    mLaunchEndpoint = endpoint;
+                break;
+            }
+            if (mEndpointMs == 0 && mElapsedMs > mMaxDurationMs)
+                break;
+            seams::sleepUs(kSamplePeriodUs);
+            // Drop stdio's buffer first: a rewind inside it would replay the old content
+            // instead of the file's current one.
+            fflush(status);
+            fseek(status, 0, SEEK_SET);
+            ++i;
+            if (i >= mNumSamples)
+                break;
+        }
+        if (!closed)
+            fclose(status);
+    }
+
+    if (!mAborted && mSampleCount >= 1)
+        DumpData::Dump(launch.appName.c_str(), mLaunchEndpoint, mVmRssValues, mSampleCount);
+}
+
+int VmRssMeter::getPid(AsyncTriggerPayload* p) {
+    if (p == nullptr)
+        return 0;
+    int pid = -1;
+    for (int attempt = 0; attempt < kPidAttempts; ++attempt) {
+        seams::sleepUs(kPidRetryUs);
+        pid = getPidExpensive(p->appName);
+        if (pid > 0)
+            return pid;
+    }
+    return pid;
+}
+
+int VmRssMeter::getPidExpensive(std::string& appName) {
+    try {
+        std::ifstream tasks(seams::resolvePath(kTasksPath));
+        // Inserted at the front so that taking from the back visits the ids in file order.
+        std::vector<int> ids;
+        int id;
+        while (tasks >> id)
+            ids.insert(ids.begin(), id);
+        while (!ids.empty()) {
+            int task = ids.back();
+            ids.pop_back();
+            std::ifstream cmdline(seams::resolvePath("/proc/" + std::to_string(task) + "/cmdline"));
+            std::string name;
+            std::getline(cmdline, name, '\0');
+            if (name.empty())
+                continue;
+            if (name.length() == appName.length() &&
+                strncmp(name.c_str(), appName.c_str(), name.length()) == 0) {
+                return task;
+            }
+        }
+    }
+    METER_CATCH_CAUGHT_IN(kComponent, "getPidExpensive", 285, 287)
+    return -1;
+}
+
+int VmRssMeter::getProcessVmRss(FILE* status) {
+    if (status == nullptr)
+        return -1;
+    int rssAnon = -1;
+    int vmSwap = -1;
+    int found = 0;
+    char line[kStatusLineSize];
+    while (found < 2 && fgets(line, sizeof(line), status) != nullptr) {
+        if (strstr(line, kRssAnonKey) != nullptr) {
+            int value = getFieldValue(line, kRssAnonKey);
+            if (value >= 0) {
+                rssAnon = value;
+                ++found;
+            }
+        } else if (strstr(line, kVmSwapKey) != nullptr) {
+            int value = getFieldValue(line, kVmSwapKey);
+            if (value >= 0) {
+                vmSwap = value;
+                ++found;
+            }
+        }
+    }
+    if (found < 2)
+        return rssAnon;
+    return wrappingAdd(rssAnon, vmSwap);
+}
+
+int VmRssMeter::getFieldValue(char* line, const char* key) {
+    if (line == nullptr || key == nullptr)
+        return -1;
+    const char* at = strstr(line, key);
+    if (at == nullptr)
+        return -1;
+    return atoi(at + strlen(key));
+}
+
+int VmRssMeter::detectLaunchEndpoint(int value) {
+    // Periods are counted, not measured: each call stands for one 300 ms cycle.
+    mElapsedMs = wrappingAdd(mElapsedMs, kSamplePeriodMs);
+    if (value != 0 && mBaseline == 0) {
+        mBaseline = value;
+        mMin = value;
+        mMax = value;
+    }
+    if (value != 0) {
+        if (value < mMin) {
+            mMin = value;
+        } else if (value > mMax) {
+            mMax = value;
+        }
+        int32_t range = coarsePercentage(mMax, mMin, mMin);
+        int32_t drift = 0;
+        int32_t baseline = mBaseline;
+        if (baseline != 0)
+            drift = coarsePercentage(value, baseline, baseline);
+        if (drift > kDriftThreshold || range >= kRangeThreshold) {
+            mBaseline = value;
+            mMin = value;
+            mMax = value;
+            mEndpointMs = wrappingAdd(mEndpointMs, mElapsedMs);
+            mElapsedMs = 0;
+        }
+    }
+    if (mElapsedMs > mMaxDurationMs)
+        return mEndpointMs;
+    {
+        std::lock_guard<std::mutex> lock(mTriggerMutex);
+        if (mTriggerCount < 1)
+            return 0;
+    }
+    mBaseline = value;
+    return mEndpointMs;
+}
