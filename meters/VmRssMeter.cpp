@@ -72,7 +72,6 @@ VmRssMeter::~VmRssMeter() {
 }
 
 void VmRssMeter::Init() {
-    mLaunchEndpoint = 0;
     mMaxDurationMs = kDefaultMaxDurationMs;
     // The previous array is intentionally not freed here.
     if (mNumSamples >= 1) {
@@ -80,17 +79,7 @@ void VmRssMeter::Init() {
         if (mVmRssValues == nullptr)
             METER_LOGE(kComponent, "Init", 95, "Failed mVmRssValues ");
     }
-    mSampleCount = 0;
-    mElapsedMs = 0;
-    mEndpointMs = 0;
-    mBaseline = 0;
-    mMin = 0;
-    mMax = 0;
-    mAborted = false;
-    std::lock_guard<std::mutex> triggerLock(mTriggerMutex);
-    std::lock_guard<std::mutex> stopLock(mStopMutex);
-    mTriggerCount = 0;
-    mStopRequested = false;
+    Reset();
 }
 
 void VmRssMeter::Reset() {
