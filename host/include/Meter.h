@@ -69,8 +69,8 @@ class Meter {
     // The activity being measured has ended; derived meters also set and clear it themselves.
     std::atomic<bool> stopRequested{false};
     // Events kept for start(): filled by the base's asyncTriggerUpdate, copied out by
-    // getAsyncUpdates. The base's own operations hold mAsyncMutex; meters that append to it
-    // directly do so on the event thread only.
+    // getAsyncUpdates, both under mAsyncMutex. A meter that writes it directly does so without
+    // that lock, as it would against a device's host.
     std::vector<AsyncTriggerPayload> asyncUpdates;
 
   private:
