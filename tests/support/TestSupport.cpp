@@ -4,13 +4,13 @@
 #include <log/log.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <new>
 #include <sstream>
+#include <thread>
 
 #include "seams.h"
 
@@ -86,11 +86,6 @@ std::vector<std::string> LogCapture::lines() const {
 std::vector<std::string> LogCapture::records() const {
     std::lock_guard<std::mutex> lock(gLogMutex);
     return gRecords;
-}
-
-bool LogCapture::contains(const std::string& message) const {
-    auto all = lines();
-    return std::find(all.begin(), all.end(), message) != all.end();
 }
 
 void LogCapture::clear() {
@@ -196,6 +191,37 @@ FailNothrowNew::~FailNothrowNew() {
 
 void clearProperty(const char* name) {
     property_set(name, "");
+}
+
+AsyncTriggerPayload makePayload(uint32_t hintId, int32_t hintType, int32_t pid) {
+    AsyncTriggerPayload p;
+    p.hintId = hintId;
+    p.hintType = hintType;
+    p.intArgs[0] = pid;
+    return p;
+}
+
+sysstats_task makeStats(int64_t rssKb, int64_t swapKb, int64_t gpuKb) {
+    sysstats_task s{};
+    s.vm_rss_kb = rssKb;
+    s.vm_swap_kb = swapKb;
+    s.gpu_mem_kb = gpuKb;
+    return s;
+}
+
+ScopedStats::ScopedStats(std::function<sysstats_task(int call)> answer) {
+    StatsProvider::setStatsSource([this, answer](int pid) {
+        mLastPid.store(pid);
+        return answer(mCalls.fetch_add(1));
+    });
+}
+
+ScopedStats::~ScopedStats() {
+    StatsProvider::setStatsSource(nullptr);
+}
+
+void deliverFromThread(Meter& meter, const AsyncTriggerPayload& payload) {
+    std::thread([&meter, &payload] { meter.asyncTriggerUpdate(payload); }).join();
 }
 
 }  // namespace testsupport

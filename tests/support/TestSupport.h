@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "Meter.h"
+#include "StatsProvider.h"
+
 namespace testsupport {
 
 // Captures every log line of the process while alive. Lines are kept as formatted messages.
@@ -18,7 +21,6 @@ class LogCapture {
     std::vector<std::string> lines() const;
     // Lines as "<priority>|<tag>|<message>".
     std::vector<std::string> records() const;
-    bool contains(const std::string& message) const;
     void clear();
 };
 
@@ -27,7 +29,6 @@ class FixtureRoot {
   public:
     FixtureRoot();
     ~FixtureRoot();
-    const std::string& path() const { return mPath; }
     // Writes content to root + absPath, creating directories.
     void addFile(const std::string& absPath, const std::string& content) const;
     void addDir(const std::string& absPath) const;
@@ -63,5 +64,28 @@ class FailNothrowNew {
 
 // Unsets a property (an empty value reads as unset).
 void clearProperty(const char* name);
+
+// An event with its code and type; intArgs[0] carries the pid the sampling meters watch.
+AsyncTriggerPayload makePayload(uint32_t hintId, int32_t hintType, int32_t pid = 0);
+
+// A statistics record with the three words the meters read (0, 2 and 4).
+sysstats_task makeStats(int64_t rssKb, int64_t swapKb, int64_t gpuKb);
+
+// While alive, StatsProvider::getPIDStats answers answer(call index); counts the calls.
+class ScopedStats {
+  public:
+    explicit ScopedStats(std::function<sysstats_task(int call)> answer);
+    ~ScopedStats();
+    int calls() const { return mCalls.load(); }
+    int lastPid() const { return mLastPid.load(); }
+
+  private:
+    std::atomic<int> mCalls{0};
+    std::atomic<int> mLastPid{-1};
+};
+
+// Delivers the event from a thread of its own, as the host's event thread does, and returns once
+// the meter has taken it: the delivery is thereby ordered with the caller.
+void deliverFromThread(Meter& meter, const AsyncTriggerPayload& payload);
 
 }  // namespace testsupport
