@@ -15,7 +15,8 @@ void discardLog(const __android_log_message*) {}
 
 void BM_LogLine(benchmark::State& state) {
     __android_log_set_logger(discardLog);
-    for (auto _ : state) METER_LOGE("VmRssMeter:", "start", 348, "Async Data NULL");
+    for (auto _ : state)
+        METER_LOGE("VmRssMeter:", "start", 348, "Async Data NULL");
     __android_log_set_logger(nullptr);
 }
 BENCHMARK(BM_LogLine);
@@ -23,14 +24,16 @@ BENCHMARK(BM_LogLine);
 void BM_DumpDisabled(benchmark::State& state) {
     DumpData::mEnableCSV = 0;
     std::vector<int> values(200, 51200);
-    for (auto _ : state) DumpData::Dump("com.example.app", 2400, values.data(), 200);
+    for (auto _ : state)
+        DumpData::Dump("com.example.app", 2400, values.data(), 200);
 }
 BENCHMARK(BM_DumpDisabled);
 
 void BM_GetPIDStatsSelf(benchmark::State& state) {
     StatsProvider stats;
     int pid = getpid();
-    for (auto _ : state) benchmark::DoNotOptimize(stats.getPIDStats(pid));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(stats.getPIDStats(pid));
 }
 BENCHMARK(BM_GetPIDStatsSelf);
 
