@@ -203,14 +203,14 @@ int VmRssMeter::getPid(AsyncTriggerPayload* p) {
 int VmRssMeter::getPidExpensive(std::string& appName) {
     try {
         std::ifstream tasks(seams::resolvePath(kTasksPath));
-        // Inserted at the front so that taking from the back visits the ids in file order.
+        // All ids are read before any is looked at, then visited in file order: the first
+        // thread whose command line matches wins. (Appending and walking forward keeps the
+        // hunt linear on a cpuset with many threads.)
         std::vector<int> ids;
         int id;
         while (tasks >> id)
-            ids.insert(ids.begin(), id);
-        while (!ids.empty()) {
-            int task = ids.back();
-            ids.pop_back();
+            ids.push_back(id);
+        for (int task : ids) {
             std::ifstream cmdline(seams::resolvePath("/proc/" + std::to_string(task) + "/cmdline"));
             std::string name;
             std::getline(cmdline, name, '\0');
