@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 
 // Eighteen 64-bit words per process. The meters read words 0, 2 and 4.
 struct sysstats_task {
@@ -15,10 +16,14 @@ struct sysstats_task {
 };
 static_assert(sizeof(sysstats_task) == 18 * sizeof(int64_t), "eighteen 64-bit words");
 
+// One instance serves one thread. It keeps the status file of the last process it was asked
+// about open, since a meter asks about the same process every sampling period.
 class StatsProvider {
   public:
     StatsProvider();
     ~StatsProvider();
+    StatsProvider(const StatsProvider&) = delete;
+    StatsProvider& operator=(const StatsProvider&) = delete;
 
     // Statistics of one process; all zero for a process that cannot be read.
     sysstats_task getPIDStats(int pid);
@@ -30,4 +35,13 @@ class StatsProvider {
     using GpuMemorySource = std::function<int64_t(int pid)>;
     static void setStatsSource(StatsSource source);
     static void setGpuMemorySource(GpuMemorySource source);
+
+  private:
+    bool openStatus(const std::string& path);
+    void closeStatus();
+    sysstats_task readStatus(int pid);
+
+    std::string mPath;  // resolved path of the kept file; empty when none is open
+    int mFd = -1;
+    bool mCheckLinks = false;  // whether the kept file can be unlinked or replaced
 };
