@@ -7,46 +7,52 @@
 #include <utility>
 
 #include "Diagnostics.h"
+#include "HintCodes.h"
+#include "MeterConfig.h"
+#include "MeterMath.h"
 #include "MeterRegistry.h"
 #include "seams.h"
 
 bool MemoryMeter::registerMeter = MeterRegistry::Register<MemoryMeter>("Memory");
 
+using meters::guardedMultiply;
+using meters::kSamplePeriodMs;
+using meters::kSamplePeriodUs;
+using meters::wrappingAdd;
+
 namespace {
+
+constexpr char kComponent[] = "MemoryMeter";
+constexpr char kFieldComponent[] = "Meter";  // MemoryField's lines
+// Configuration: "TotalSamplesToRun" (atoi), the sample bound; absent, nothing is sampled.
+constexpr char kTotalSamplesKey[] = "TotalSamplesToRun";
+constexpr char kTotalSamplesDefault[] = "0";
+// Events: end of activity ({hint::kNone, hint::kTypeEnd}) stops the run and is not kept;
+// hint::kLaunchComplete ends it at the next poll.
+
+// Line numbers of our own, for a handler no device tooling knows.
+constexpr int kFieldLeftOutLine = 126;
+constexpr int kFieldLeftOutOtherLine = 128;
 
 constexpr char kRssSwap[] = "rss_swap";
 constexpr char kIonTesk[] = "ion_tesk";
 // Both recognised names have this length; no other name is compared.
 constexpr size_t kFieldNameLength = 8;
 
-constexpr uint32_t kHintEndOfActivity = 0;
-constexpr int32_t kHintTypeEnd = -1;
-constexpr uint32_t kHintEndTrigger = 0x1043;
-
-constexpr int32_t kSamplePeriodMs = 300;
-constexpr uint32_t kSamplePeriodUs = 300000;
 constexpr int32_t kStableBudgetMs = 8100;
 constexpr int32_t kDriftThreshold = 14;
 constexpr int32_t kRangeThreshold = 17;
-// The largest |difference| whose product with 100 still fits in 32 bits.
-constexpr int64_t kMaxScalableDiff = 21474836;
 
-// Counters are int32 on the device and may wrap over a very long run; wrap without UB.
-int32_t wrappingAdd(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
-
-// |((value - base) * 100) / base| in 32-bit terms, multiplying before dividing. A zero base or a
-// difference that does not fit gives 0; a product that would not fit leaves a numerator of 1, so
-// a huge jump never reads as a significant change.
+// |((value - base) * 100) / base|, multiplying first: unlike the VmRss detector this one sees
+// fractions of the base. A zero base or a difference that does not fit gives 0.
 int32_t percentChange(int32_t value, int32_t base) {
     if (base == 0)
         return 0;
     int64_t diff = static_cast<int64_t>(value) - base;
     if (diff > INT32_MAX || diff < INT32_MIN)
         return 0;
-    int64_t numerator = (diff > kMaxScalableDiff || diff < -kMaxScalableDiff) ? 1 : diff * 100;
-    int64_t quotient = numerator / base;
+    int64_t quotient =
+        guardedMultiply(static_cast<int32_t>(diff), 100) / static_cast<int64_t>(base);
     return static_cast<int32_t>(quotient < 0 ? -quotient : quotient);
 }
 
@@ -57,30 +63,28 @@ Field::Field(std::string name) : mName(std::move(name)), mNameLength(mName.size(
 Field::~Field() = default;
 
 MemoryField::MemoryField(std::string name, int numSamples)
-    : Field(std::move(name)), mNumSamples(numSamples), mMemoryValues(nullptr) {
+    : Field(std::move(name)), mNumSamples(numSamples) {
     // A negative count cannot be allocated; it fails like any other failed allocation.
     if (numSamples >= 0)
-        mMemoryValues = new (std::nothrow) int64_t[numSamples];
+        mMemoryValues.reset(new (std::nothrow) int64_t[numSamples]);
     if (mMemoryValues == nullptr)
-        METER_LOGE("Meter", "MemoryField", 27, "Failed mMemoryValues");
+        METER_LOGE(kFieldComponent, "MemoryField", 27, "Failed mMemoryValues");
     reset();
 }
 
-MemoryField::~MemoryField() {
-    delete[] mMemoryValues;
-}
+MemoryField::~MemoryField() = default;
 
 void MemoryField::reset() {
-    mResults.clear();
-    if (mNumSamples > 0)
-        mResults.assign(static_cast<size_t>(mNumSamples), 0);
+    // A fresh vector rather than a refill, so the zeros stay untouched pages.
+    mResults = Results(mNumSamples > 0 ? static_cast<size_t>(mNumSamples) : 0);
 }
 
 int64_t MemoryField::collectStats(int sample, sysstats_task stats) {
     if (sample == 0 && !mResults.empty())
         mResults[0] = 0;
     if (sample >= mNumSamples || sample < 0) {
-        METER_LOGE("Meter", "collectStats", 53, "The sample number given is out of range\n");
+        METER_LOGE(kFieldComponent, "collectStats", 53,
+                   "The sample number given is out of range\n");
         return 0;
     }
     if (mNameLength == kFieldNameLength &&
@@ -111,20 +115,19 @@ void MemoryField::updateStats(int sample) {
 }
 
 MemoryMeter::MemoryMeter(MeterInfo info) : Meter(info) {
-    auto it = info.configs.find("TotalSamplesToRun");
-    mTotalSamples = atoi(it != info.configs.end() ? it->second.c_str() : "");
+    mTotalSamples = atoi(meters::configValue(info, kTotalSamplesKey, kTotalSamplesDefault).c_str());
     for (const std::string& name : info.fieldNames) {
         if (name != kIonTesk && name != kRssSwap)
             continue;
-        Field* field = new (std::nothrow) MemoryField(name, mTotalSamples);
-        if (field == nullptr)
-            continue;
+        // A field whose results cannot be had is left out, like one whose object cannot be.
         try {
-            mFields.push_back(field);
-        } catch (...) {
-            delete field;
-            throw;
+            std::unique_ptr<Field> field(new (std::nothrow) MemoryField(name, mTotalSamples));
+            if (field != nullptr) {
+                mFields.push_back(field.get());
+                field.release();
+            }
         }
+        METER_CATCH_CAUGHT_IN(kComponent, "MemoryMeter", kFieldLeftOutLine, kFieldLeftOutOtherLine)
     }
 }
 
@@ -134,11 +137,11 @@ MemoryMeter::~MemoryMeter() {
 }
 
 void MemoryMeter::asyncTriggerUpdate(const AsyncTriggerPayload& payload) {
-    if (payload.hintId == kHintEndOfActivity && payload.hintType == kHintTypeEnd) {
+    if (hint::isEndOfActivity(payload)) {
         stopRequested.store(true);
         return;
     }
-    if (payload.hintId == kHintEndTrigger)
+    if (payload.hintId == hint::kLaunchComplete)
         mTriggerCount.fetch_add(1);
     if (stopRequested.load())
         stopRequested.store(false);
@@ -154,10 +157,10 @@ void MemoryMeter::getAsyncUpdates(std::vector<AsyncTriggerPayload>& out) {
         if (&out != &mAsyncUpdates)
             out = mAsyncUpdates;
     } catch (const std::exception& e) {
-        METER_LOGE("MemoryMeter", "getAsyncUpdates", 215, "Caught Exception: %s in %s", e.what(),
+        METER_LOGE(kComponent, "getAsyncUpdates", 215, "Caught Exception: %s in %s", e.what(),
                    "getAsyncUpdates");
     } catch (...) {
-        METER_LOGE("MemoryMeter", "getAsyncUpdates", 217, "Caught Exception: in %s",
+        METER_LOGE(kComponent, "getAsyncUpdates", 217, "Caught Exception: in %s",
                    "getAsyncUpdates");
     }
 }
@@ -166,7 +169,7 @@ void MemoryMeter::start() {
     std::vector<AsyncTriggerPayload> updates;
     getAsyncUpdates(updates);
     if (updates.empty()) {
-        METER_LOGE("MemoryMeter", "start", 144, "Async Data NULL");
+        METER_LOGE(kComponent, "start", 144, "Async Data NULL");
         return;
     }
     int pid = updates[0].intArgs[0];

@@ -5,11 +5,13 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Meter.h"
 #include "StatsProvider.h"
+#include "ZeroPageAllocator.h"
 
 // One tracked statistic of a process.
 class Field {
@@ -23,10 +25,12 @@ class Field {
     Field(const Field&) = delete;
     Field& operator=(const Field&) = delete;
 
+    using Results = std::vector<int64_t, ZeroPageAllocator<int64_t>>;
+
     std::string mName;
     size_t mNameLength;
-    // Entry 0 holds the field's value at the launch end point.
-    std::vector<int64_t> mResults;
+    // Entry 0 holds the field's value at the launch end point; the others are never used.
+    Results mResults;
 };
 
 // A memory statistic, recorded per sample index.
@@ -40,7 +44,7 @@ class MemoryField : public Field {
     void reset() override;
 
     int32_t mNumSamples;
-    int64_t* mMemoryValues;
+    std::unique_ptr<int64_t[]> mMemoryValues;  // null when it could not be allocated
 };
 
 class MemoryMeter : public Meter {

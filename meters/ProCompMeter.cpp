@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "Diagnostics.h"
+#include "HintCodes.h"
+#include "MeterMath.h"
 #include "MeterRegistry.h"
 #include "StatsProvider.h"
 #include "seams.h"
@@ -11,10 +13,10 @@ bool ProCompMeter::registerMeter = MeterRegistry::Register<ProCompMeter>("ProCom
 
 namespace {
 
-constexpr uint32_t kEndActivityA = 0x1002;
-constexpr uint32_t kEndActivityB = 0x1004;
-constexpr int32_t kEndHintType = -1;
-constexpr uint32_t kSamplePeriodUs = 300000;
+constexpr char kComponent[] = "ProCompMeter";
+// Configuration: none; the pid to watch is intArgs[0] of the first event kept.
+// Events: hint::kActivityStop or hint::kActivityPause with hint::kTypeEnd, and the end of
+// activity ({hint::kNone, hint::kTypeEnd}), end the run and are not kept.
 
 }  // namespace
 
@@ -23,12 +25,12 @@ ProCompMeter::ProCompMeter(MeterInfo info) : Meter(std::move(info)) {}
 ProCompMeter::~ProCompMeter() = default;
 
 void ProCompMeter::asyncTriggerUpdate(const AsyncTriggerPayload& payload) {
-    if ((payload.hintId == kEndActivityA || payload.hintId == kEndActivityB) &&
-        payload.hintType == kEndHintType) {
+    if ((payload.hintId == hint::kActivityStop || payload.hintId == hint::kActivityPause) &&
+        payload.hintType == hint::kTypeEnd) {
         mStop.store(true);
         return;
     }
-    if (payload.hintId == 0 && payload.hintType == kEndHintType) {
+    if (hint::isEndOfActivity(payload)) {
         mStop.store(true);
         return;
     }
@@ -39,7 +41,7 @@ void ProCompMeter::asyncTriggerUpdate(const AsyncTriggerPayload& payload) {
     try {
         mAsyncUpdates.push_back(payload);
     }
-    METER_CATCH_EXCEPTION_CAUGHT("ProCompMeter", "asyncTriggerUpdate", 74, 77)
+    METER_CATCH_EXCEPTION_CAUGHT(kComponent, "asyncTriggerUpdate", 74, 77)
 }
 
 std::vector<AsyncTriggerPayload>* ProCompMeter::getAsyncUpdates() {
@@ -51,7 +53,7 @@ void ProCompMeter::getAsyncUpdates(std::vector<AsyncTriggerPayload>& out) {
         if (&out != &mAsyncUpdates)
             out = mAsyncUpdates;
     }
-    METER_CATCH_EXCEPTION_CAUGHT("ProCompMeter", "getAsyncUpdates", 87, 90)
+    METER_CATCH_EXCEPTION_CAUGHT(kComponent, "getAsyncUpdates", 87, 90)
 }
 
 void ProCompMeter::start() {
@@ -72,6 +74,6 @@ void ProCompMeter::start() {
         const uint64_t gpuMem = static_cast<uint64_t>(task.gpu_mem_kb);
         if (gpuMem > mPeak)
             mPeak = static_cast<uint32_t>(gpuMem);
-        seams::sleepUs(kSamplePeriodUs);
+        seams::sleepUs(meters::kSamplePeriodUs);
     }
 }

@@ -8,26 +8,33 @@
 
 #include "Diagnostics.h"
 #include "DumpData.h"
+#include "HintCodes.h"
+#include "MeterMath.h"
 #include "MeterRegistry.h"
+#include "NodeStream.h"
 #include "seams.h"
 
 bool VmRssMeter::registerMeter = MeterRegistry::Register<VmRssMeter>("VmRss");
 
+using meters::guardedMultiply;
+using meters::kSamplePeriodMs;
+using meters::kSamplePeriodUs;
+using meters::wrappingAdd;
+
 namespace {
 
 constexpr char kComponent[] = "VmRssMeter:";
+// Configuration: none of its own; MeterInfo::numSamples bounds the run.
+// Events: hint::kLaunchComplete ends the hunt at the last significant change;
+// hint::kActivityStop abandons the run.
+
 constexpr char kTasksPath[] = "/dev/cpuset/top-app/tasks";
 constexpr char kRssAnonKey[] = "RssAnon:";
 constexpr char kVmSwapKey[] = "VmSwap:";
 
-constexpr uint32_t kHuntEventCode = 0x1043;  // ends the hunt at the last significant change
-constexpr uint32_t kStopEventCode = 0x1002;  // the activity ended: abandon the run
-
 constexpr int32_t kDefaultMaxDurationMs = 8100;
 constexpr int kPidAttempts = 5;
 constexpr uint32_t kPidRetryUs = 200000;
-constexpr uint32_t kSamplePeriodUs = 300000;
-constexpr int32_t kSamplePeriodMs = 300;
 constexpr int kStatusLineSize = 150;
 constexpr int kStatusPathSize = 128;
 
@@ -35,25 +42,17 @@ constexpr int kStatusPathSize = 128;
 constexpr int32_t kDriftThreshold = 9;
 // ...and so is a spread of at least this many percent since the last change.
 constexpr int32_t kRangeThreshold = 13;
-// Largest quotient whose product with 100 still fits an int32.
-constexpr int64_t kMaxQuotient = 21474836;
-
-int32_t wrappingAdd(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
 
 // |((a - b) / divisor) * 100|, dividing first: only whole multiples of the divisor count, which
-// keeps the detector deliberately coarse. An overflowing difference counts as no change and an
-// overflowing product as 1 percent, so a wild jump is not taken for a real one.
+// keeps this detector deliberately coarse. An overflowing difference counts as no change.
 int32_t coarsePercentage(int32_t a, int32_t b, int32_t divisor) {
     int64_t diff = static_cast<int64_t>(a) - static_cast<int64_t>(b);
     if (diff < INT32_MIN || diff > INT32_MAX)
         return 0;
-    int64_t quotient = divisor == 0 ? 0 : diff / divisor;
-    if (quotient > kMaxQuotient || quotient < -kMaxQuotient)
-        return 1;
-    int64_t percentage = quotient * 100;
-    return static_cast<int32_t>(percentage < 0 ? -percentage : percentage);
+    // INT32_MIN / -1 wraps to INT32_MIN, as the device's division does.
+    int32_t quotient = divisor == 0 ? 0 : static_cast<int32_t>(diff / divisor);
+    int32_t percentage = guardedMultiply(quotient, 100);
+    return percentage < 0 ? -percentage : percentage;
 }
 
 }  // namespace
@@ -99,11 +98,11 @@ void VmRssMeter::Reset() {
 
 void VmRssMeter::asyncTriggerUpdate(const AsyncTriggerPayload& p) {
     Meter::asyncTriggerUpdate(p);
-    if (p.hintId == kHuntEventCode) {
+    if (p.hintId == hint::kLaunchComplete) {
         std::lock_guard<std::mutex> lock(mTriggerMutex);
         mTriggerCount = wrappingAdd(mTriggerCount, 1);
     }
-    if (p.hintId == kStopEventCode) {
+    if (p.hintId == hint::kActivityStop) {
         std::lock_guard<std::mutex> lock(mStopMutex);
         mStopRequested = true;
     }
@@ -129,58 +128,42 @@ void VmRssMeter::start() {
 
     char path[kStatusPathSize];
     snprintf(path, sizeof(path), "/proc/%d/status", pid);
-    FILE* status = fopen(seams::resolvePath(path).c_str(), "r");
-    if (status != nullptr && mNumSamples < 1) {
-        fclose(status);
-        status = nullptr;
-    }
-
-    if (status != nullptr) {
-        bool closed = false;
-        for (int i = 0;;) {
-            bool stop;
-            {
-                std::lock_guard<std::mutex> lock(mStopMutex);
-                stop = mStopRequested;
-            }
-            if (stop) {
-                mAborted = true;
-                break;
-            }
-            if (hasStopNotification()) {
-                mAborted = true;
-                break;
-            }
-            int value = getProcessVmRss(status);
-            if (value < 1) {  // the process is gone
-                mAborted = true;
-                break;
-            }
-            if (mVmRssValues != nullptr && mSampleCount < mNumSamples) {
-                mVmRssValues[mSampleCount] = value;
-                ++mSampleCount;
-            }
-            int endpoint = detectLaunchEndpoint(value);
-            if (endpoint != 0) {
-                fclose(status);
-                closed = true;
-                if (endpoint >= 1)
-                    mLaunchEndpoint = endpoint;
-                break;
-            }
-            if (mEndpointMs == 0 && mElapsedMs > mMaxDurationMs)
-                break;
-            seams::sleepUs(kSamplePeriodUs);
-            // Drop stdio's buffer first: a rewind inside it would replay the old content
-            // instead of the file's current one.
-            fflush(status);
-            fseek(status, 0, SEEK_SET);
-            ++i;
-            if (i >= mNumSamples)
-                break;
+    meters::NodeFile status(path);
+    if (mNumSamples < 1)
+        status.close();
+    for (int i = 0; status.isOpen();) {
+        bool stop;
+        {
+            std::lock_guard<std::mutex> lock(mStopMutex);
+            stop = mStopRequested;
         }
-        if (!closed)
-            fclose(status);
+        if (stop || hasStopNotification()) {
+            mAborted = true;
+            break;
+        }
+        int value = getProcessVmRss(status.get());
+        if (value < 1) {  // the process is gone (its node reads nothing or was closed)
+            mAborted = true;
+            break;
+        }
+        if (mVmRssValues != nullptr && mSampleCount < mNumSamples) {
+            mVmRssValues[mSampleCount] = value;
+            ++mSampleCount;
+        }
+        int endpoint = detectLaunchEndpoint(value);
+        if (endpoint != 0) {
+            if (endpoint >= 1)
+                mLaunchEndpoint = endpoint;
+            break;
+        }
+        if (mEndpointMs == 0 && mElapsedMs > mMaxDurationMs)
+            break;
+        seams::sleepUs(kSamplePeriodUs);
+        // A rewind that fails closes the node: the next sample then reads nothing and aborts.
+        status.rewind();
+        ++i;
+        if (i >= mNumSamples)
+            break;
     }
 
     if (!mAborted && mSampleCount >= 1)
@@ -202,7 +185,8 @@ int VmRssMeter::getPid(AsyncTriggerPayload* p) {
 
 int VmRssMeter::getPidExpensive(std::string& appName) {
     try {
-        std::ifstream tasks(seams::resolvePath(kTasksPath));
+        std::ifstream tasks;
+        meters::openNode(tasks, kTasksPath);
         // All ids are read before any is looked at, then visited in file order: the first
         // thread whose command line matches wins. (Appending and walking forward keeps the
         // hunt linear on a cpuset with many threads.)
@@ -211,7 +195,8 @@ int VmRssMeter::getPidExpensive(std::string& appName) {
         while (tasks >> id)
             ids.push_back(id);
         for (int task : ids) {
-            std::ifstream cmdline(seams::resolvePath("/proc/" + std::to_string(task) + "/cmdline"));
+            std::ifstream cmdline;
+            meters::openNode(cmdline, "/proc/" + std::to_string(task) + "/cmdline");
             std::string name;
             std::getline(cmdline, name, '\0');
             if (name.empty())

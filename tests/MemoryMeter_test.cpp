@@ -1,198 +1,144 @@
-// MemoryMeter: the fields, the end-point detector as a state machine, and whole runs of start()
-// against scripted statistics.
+// MemoryMeter: the fields, the end-point detector as a state machine, whole runs of start()
+// against scripted statistics, and fields too large for the address space.
 #include "MemoryMeter.h"
 
-#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <climits>
-#include <memory>
-#include <tuple>
+#include <fstream>
 
-#include "RegistryBase.h"
 #include "TestSupport.h"
 
 using namespace testsupport;
 
-namespace {
-
-MeterInfo makeInfo(std::vector<std::string> fields, const char* totalSamples) {
+static MeterInfo makeInfo(std::vector<std::string> fields, const char* totalSamples) {
     return MeterInfo{"", {}, std::move(fields), {{"TotalSamplesToRun", totalSamples}}};
 }
 
-MemoryField& field(MemoryMeter& m, size_t i) {
-    return *static_cast<MemoryField*>(m.mFields.at(i));
-}
-
-// Runs start() with sample i answering sums[i] kB per rss_swap field (the last value repeating;
-// 300 kB of it as swap) and 10 * i kB of GPU memory. The event, if any, comes from the event
-// thread before start() (at < 0) or during the at-th sleep. Returns the number of samples taken.
-int run(MemoryMeter& m, std::vector<int64_t> sums, const AsyncTriggerPayload* event = nullptr,
-        int at = -1) {
-    ScopedStats stats([&sums](int i) {
-        return makeStats(sums[std::min<size_t>(i, sums.size() - 1)] - 300, 300, 10 * i);
-    });
-    if (event != nullptr && at < 0)
-        deliverFromThread(m, *event);
-    ScriptedSleep sleep([&](int i, uint32_t) {
-        if (event != nullptr && i == at)
-            deliverFromThread(m, *event);
-    });
-    m.start();
-    EXPECT_EQ(sleep.sleeps(), std::vector<uint32_t>(sleep.sleeps().size(), 300000u));
-    EXPECT_TRUE(stats.calls() == 0 || stats.lastPid() == m.mAsyncUpdates.front().intArgs[0]);
-    return stats.calls();
-}
-
-}  // namespace
-
-TEST(MemoryField, RssSwapSumsWordsZeroAndTwoIonKeepsWordFourOtherNamesRecordZero) {
-    for (auto [name, returned, stored] :
-         std::vector<std::tuple<const char*, int, int>>{{"rss_swap", 1024, 1024},
-                                                        {"ion_tesk", 0, 77},
-                                                        {"rss_swaP", 0, 0},
-                                                        {"ion_tes", 0, 0},
-                                                        {"rss_swap_", 0, 0}}) {
-        SCOPED_TRACE(name);
-        MemoryField f(name, 3);
-        f.mMemoryValues[2] = -5;
-        EXPECT_EQ(f.collectStats(2, makeStats(1000, 24, 77)), returned);
-        EXPECT_EQ(f.mMemoryValues[2], stored);
-    }
-}
-
-TEST(MemoryField, ResultsStartAsZerosSampleZeroClearsTheEndValueAndOutOfRangeIsLogged) {
+// The word each name picks shows in whole runs below; the meter gives a field no other name.
+TEST(MemoryField, SampleZeroClearsTheEndValueAndOutOfRangeSamplesAreLogged) {
     LogCapture log;
-    MemoryField f("rss_swap", 4);
-    EXPECT_EQ(f.mResults, std::vector<int64_t>(4, 0));
+    MemoryField f("rss_swap", 3);
     f.mResults[0] = 9;
-    f.collectStats(0, makeStats(5, 5, 0));
+    EXPECT_EQ(f.collectStats(0, makeStats(1000, 24, 77)), 1024);
     EXPECT_EQ(f.mResults[0], 0);
-    EXPECT_EQ(f.collectStats(4, makeStats(10, 10, 0)), 0);
     EXPECT_EQ(MemoryField("rss_swap", 0).collectStats(0, makeStats(10, 10, 0)), 0);
-    EXPECT_EQ(log.records(), std::vector<std::string>(2,
-                                                      "6|ANDR-PERF-ZQ|Meter: collectStats() 53: "
-                                                      "The sample number given is out of range\n"));
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Meter: collectStats() 53: The sample number "
+                                                    "given is out of range\n"});
 }
 
-TEST(MemoryField, FailedAllocationsAreLoggedOrLeaveTheFieldOut) {
-    LogCapture log;
-    std::unique_ptr<MemoryField> f;
-    {
-        FailNothrowNew fail;
-        f = std::make_unique<MemoryField>("rss_swap", 4);
-        EXPECT_EQ(MemoryMeter(makeInfo({"rss_swap"}, "5")).mFields.empty(), !f->mMemoryValues);
-    }
-    if (f->mMemoryValues != nullptr)
-        GTEST_SKIP() << "the allocation switch has no effect in this build";
-    EXPECT_EQ(log.lines(),
-              std::vector<std::string>{"Meter: MemoryField() 27: Failed mMemoryValues"});
-    EXPECT_EQ(f->collectStats(1, makeStats(10, 5, 0)), 15);
-    f->updateStats(1);  // without the array there is nothing to pick
-}
-
-TEST(MemoryMeter, RegisteredAndCreatesFieldsForTheExactNamesInOrder) {
-    auto* list = RegistryBase<Meter, MeterInfo>::classList;
-    ASSERT_TRUE(list != nullptr && list->count("Memory") == 1);
-    std::unique_ptr<Meter> meter(list->at("Memory")(
-        makeInfo({"ion_tesk", "rss_swap2", "rss_swa", "RSS_SWAP", "", "rss_swap"}, " 12x")));
-    auto& m = dynamic_cast<MemoryMeter&>(*meter);
-    EXPECT_EQ(m.mTotalSamples, 12);
-    ASSERT_EQ(m.mFields.size(), 2u);
-    EXPECT_EQ(m.mFields[0]->mName + m.mFields[1]->mName, "ion_teskrss_swap");
-}
-
-TEST(MemoryMeter, EndOfActivityStopsOtherEventsAreKeptClearTheStopAndCountTriggers) {
-    MemoryMeter m(makeInfo({}, "1"));
-    m.asyncTriggerUpdate(makePayload(0, -1));
-    EXPECT_TRUE(m.hasStopNotification() && m.mAsyncUpdates.empty());
-    m.asyncTriggerUpdate(makePayload(0x1043, -1, 1234));
-    EXPECT_FALSE(m.hasStopNotification());
-    m.asyncTriggerUpdate(makePayload(0, 3));
-    m.asyncTriggerUpdate(makePayload(0x1043, 2));
-    EXPECT_EQ(m.mTriggerCount.load(), 2);
-    EXPECT_EQ(m.mAsyncUpdates.size(), 3u);
-}
-
-// Each call is one 300 ms sample of the fields' sum (the last one repeated `more` times); the
-// state after the last sample is checked.
+// Each call is one 300 ms sample of the fields' sum; the state after the last is checked.
 TEST(MemoryMeter, DetectorFollowsTheWorkedExamplesAndOverflowGuards) {
-    using Row = std::tuple<const char*, int, std::vector<int>, int, std::vector<int>>;
-    for (auto [what, triggers, sums, more, returnEndpointElapsedBaseline] : std::vector<Row>{
-             {"a drift of 15 % is a change", 0, {100, 115, 115}, 0, {0, 600, 300, 115}},
-             {"a drift of 14 % is not", 0, {100, 114}, 0, {0, 0, 600, 100}},
-             {"a range of 18 % is, 17 % not", 0, {100, 90, 106, 107}, 0, {0, 1200, 0, 107}},
-             {"multiplies before dividing", 0, {100000, 150000, 210000}, 0, {0, 900, 0, 210000}},
-             {"steady memory never ends", 0, {500}, 39, {0, 0, 12000, 500}},
-             {"stable 8100 ms is not the end", 0, {100, 200}, 27, {0, 600, 8100, 200}},
-             {"stable for longer is", 0, {100, 200}, 28, {600, 600, 8400, 200}},
-             {"the largest scalable jump", 0, {1000000, 22474836}, 0, {0, 600, 0, 22474836}},
-             {"one more overflows the product", 0, {1000000, 22474837}, 0, {0, 0, 600, 1000000}},
-             {"the same limit downwards", 0, {30000000, 8525163, 8525164}, 0, {0, 900, 0, 8525164}},
-             {"an overflowing difference", 0, {INT_MAX, INT_MIN}, 0, {0, 0, 600, INT_MAX}},
-             {"a trigger makes the baseline follow", 1, {100, 108, 116}, 0, {0, 0, 900, 116}},
-             {"a trigger withholds the end", 1, {100, 200}, 30, {0, 600, 9000, 200}},
-         }) {
+    // what, sums, then the expected mEndpointMs, mElapsedMs and mBaseline
+    using Row = std::tuple<const char*, std::vector<int>, std::vector<int>>;
+    // clang-format off
+    for (auto [what, sums, expected] : std::vector<Row>{
+             {"a drift of 15 % is a change", {100, 115, 115}, {600, 300, 115}},
+             {"a drift of 14 % is not", {100, 114}, {0, 600, 100}},
+             {"a range of 18 % is, 17 % not", {100, 90, 106, 107}, {1200, 0, 107}},
+             {"multiplies before dividing", {100000, 150000, 210000}, {900, 0, 210000}},
+             {"the largest scalable jump", {1000000, 22474836}, {600, 0, 22474836}},
+             {"one more overflows the product", {1000000, 22474837}, {0, 600, 1000000}},
+             {"the same limit downwards", {30000000, 8525163, 8525164}, {900, 0, 8525164}},
+             {"an overflowing difference", {INT_MAX, INT_MIN}, {0, 600, INT_MAX}}}) {
+        // clang-format on
         SCOPED_TRACE(what);
         MemoryMeter m(makeInfo({}, "0"));
-        m.mTriggerCount = triggers;
-        sums.insert(sums.end(), more, sums.back());
-        int last = -1;
         for (int sum : sums)
-            last = m.detectLaunchEndPoint(sum);
-        EXPECT_EQ((std::vector<int>{last, m.mEndpointMs, m.mElapsedMs, m.mBaseline}),
-                  returnEndpointElapsedBaseline);
+            EXPECT_EQ(m.detectLaunchEndPoint(sum), 0);
+        EXPECT_EQ((std::vector<int>{m.mEndpointMs, m.mElapsedMs, m.mBaseline}), expected);
     }
+    // A counted launch-complete makes the baseline follow every sample and withholds the end.
+    MemoryMeter m(makeInfo({}, "0"));
+    m.mTriggerCount = 1;
+    for (int sum : {100, 108, 116})
+        EXPECT_EQ(m.detectLaunchEndPoint(sum), 0);
+    EXPECT_EQ(m.mEndpointMs, 0) << "116 is 7 % above 108, not 16 % above 100";
+    for (int i = 0; i < 29; ++i)
+        EXPECT_EQ(m.detectLaunchEndPoint(232), 0) << "not even past 8100 ms";
+    EXPECT_EQ((std::vector<int>{m.mEndpointMs, m.mElapsedMs, m.mBaseline}),
+              (std::vector<int>{1200, 8400, 232}));
 }
 
-TEST(MemoryMeterRun, NoPayloadLogsAndAFirstPidBelowOneIsSilentlyIgnored) {
+// Of the names given, only the exact ones make fields, in order: rss_swap, ion_tesk, rss_swap.
+// Sample i answers sums[i] kB per rss_swap field (the last value repeating; 300 kB of it swap)
+// and 10 * i kB of GPU memory. The default sums double at sample 7 (2400 ms), then creep within
+// bounds until the 28th sample after, when the end point is known.
+TEST(MemoryMeterRun, RunsOfFortySamples) {
+    struct Case {
+        const char* what;
+        std::vector<AsyncTriggerPayload> before;  // delivered in order before the run
+        // Samples taken, mElapsedMs, mBaseline and each field's results[0]; by default those of
+        // the end point at 2400 ms.
+        std::vector<int64_t> expected = {36, 8400, 4000, 2001, 80, 2001};
+        const AsyncTriggerPayload* during = nullptr;  // delivered while sample 4 is read
+        std::vector<int64_t> sums = {1000, 1000, 1000, 1000, 1000, 1000, 1000, 2000, 2001, 2003};
+    };
+    const auto start = [](int pid) { return makePayload(hint::kActivityStart, 0, pid); };
+    const AsyncTriggerPayload end = makePayload(hint::kNone, hint::kTypeEnd);
+    const AsyncTriggerPayload complete = makePayload(hint::kLaunchComplete, 0);
+    // clang-format off
+    const Case cases[] = {
+        {"an end point of 2400 ms picks sample 8", {start(9), start(0)}},
+        {"no event: nothing to watch", {}, {0, 0, 0, 0, 0, 0}},
+        {"the first pid counts, and 0 is none", {start(0), start(9)}, {0, 0, 0, 0, 0, 0}},
+        {"an end is not kept and the next event clears it", {end, start(9)}},
+        {"an end before the run", {start(9), end}, {0, 0, 0, 0, 0, 0}},
+        {"launch complete before the run is forgotten", {start(9), complete}},
+        {"an end stops the run at the next poll", {start(9)}, {5, 1500, 2000, 0, 0, 0}, &end},
+        {"so does launch complete", {start(9)}, {5, 1500, 2000, 0, 0, 0}, &complete},
+        // Per field 2^32 + 1000 sums to 2000 in 32 bits; 2 x 2^30 reads negative: skipped.
+        {"a 32-bit sum", {start(9)}, {40, 300, 2000, 0, 0, 0}, nullptr, {4294968296, 1073741824}},
+    };
+    // clang-format on
     LogCapture log;
-    MemoryMeter m(makeInfo({"rss_swap"}, "5"));
-    EXPECT_EQ(run(m, {1000}), 0);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        MemoryMeter m(makeInfo({"rss_swap", "rss_swaP", "ion_tesk", "", "rss_swap"}, " 40x"));
+        for (const AsyncTriggerPayload& p : c.before)
+            deliverFromThread(m, p);
+        ScopedStats stats([&](int i) {
+            if (i == 4 && c.during != nullptr)
+                deliverFromThread(m, *c.during);
+            return makeStats(c.sums[std::min<size_t>(i, c.sums.size() - 1)] - 300, 300, 10 * i);
+        });
+        ScriptedSleep sleep;
+        m.start();
+        std::vector<int64_t> got = {stats.calls(), m.mElapsedMs, m.mBaseline};
+        for (Field* f : m.mFields)
+            got.push_back(f->mResults[0]);
+        EXPECT_EQ(got, c.expected);
+        EXPECT_EQ(sleep.sleeps(), std::vector<uint32_t>(sleep.sleeps().size(), 300000u));
+    }
     EXPECT_EQ(log.lines(), std::vector<std::string>{"MemoryMeter: start() 144: Async Data NULL"});
-    m.asyncTriggerUpdate(makePayload(0x1001, 0, 0));
-    m.asyncTriggerUpdate(makePayload(0x1001, 0, 42));
-    EXPECT_EQ(run(m, {1000}), 0);
-    EXPECT_EQ(log.lines().size(), 1u);
 }
 
-TEST(MemoryMeterRun, EndpointOf2400MsPicksEachFieldsValueOfSample8) {
-    MemoryMeter m(makeInfo({"rss_swap", "ion_tesk"}, "40"));
-    m.asyncTriggerUpdate(makePayload(0x1001, 0, 4321));
-    // Doubled at sample 7 (2400 ms), then a creep within bounds until the 28th sample after.
-    EXPECT_EQ(run(m, {1000, 1000, 1000, 1000, 1000, 1000, 1000, 2000, 2001, 2002, 2003}), 36);
-    EXPECT_EQ(field(m, 0).mResults[0], 2001);
-    EXPECT_EQ(field(m, 1).mResults[0], 80);
-}
-
-TEST(MemoryMeterRun, WithoutAnEndpointEverySampleIsTakenAndTheSumIs32Bit) {
-    using Row =
-        std::tuple<std::vector<std::string>, const char*, std::vector<int64_t>, std::vector<int>>;
-    for (auto [fields, total, sums, samplesBaselineElapsed] : std::vector<Row>{
-             {{"ion_tesk"}, "5", {1000, 5000}, {5, 0, 0}},
-             {{"rss_swap"}, "30", {1000}, {30, 1000, 9000}},
-             {{"rss_swap"}, "0", {1000}, {0, 0, 0}},
-             // Per field 2^32 + 1000 sums to 2000 in 32 bits; 2 × 2^30 reads negative: skipped.
-             {{"rss_swap", "rss_swap"}, "2", {4294968296, 1073741824}, {2, 2000, 300}}}) {
-        SCOPED_TRACE(total);
-        MemoryMeter m(makeInfo(fields, total));
-        m.asyncTriggerUpdate(makePayload(0x1001, 0, 9));
-        EXPECT_EQ((std::vector<int>{run(m, sums), m.mBaseline, m.mElapsedMs}),
-                  samplesBaselineElapsed);
-    }
-}
-
-TEST(MemoryMeterRun, StopAnd0x1043EndTheRunAtThePollAfterThemButStartForgets0x1043) {
-    using Row = std::tuple<AsyncTriggerPayload, int, int, int>;
-    for (auto [event, at, samples, result] :
-         std::vector<Row>{{makePayload(0, -1), -1, 0, 0},
-                          {makePayload(0, -1), 4, 5, 0},
-                          {makePayload(0x1043, 0), 4, 5, 0},
-                          {makePayload(0x1043, 0), -1, 32, 2000}}) {
-        SCOPED_TRACE(::testing::Message() << event.hintId << " at " << at);
-        MemoryMeter m(makeInfo({"rss_swap"}, "60"));
-        m.asyncTriggerUpdate(makePayload(0x1001, 0, 9));
-        EXPECT_EQ(run(m, {1000, 1000, 1000, 2000}, &event, at), samples);
-        EXPECT_EQ(field(m, 0).mResults[0], result);
-    }
+// Built through the factory under a 4 GiB address-space limit, the child reports its log lines
+// and exits with the number of fields kept: the results of 300000000 samples do not fit, nor the
+// array of INT_MAX.
+TEST(MemoryMeterDeathTest, FieldsWhoseResultsCannotBeAllocatedAreLeftOutWithALine) {
+    long pages = 0;  // all the process maps: under a sanitizer, terabytes of shadow memory
+    std::ifstream("/proc/self/statm") >> pages;
+    if (pages * sysconf(_SC_PAGESIZE) > (1l << 30))
+        GTEST_SKIP() << "the process already maps more than the limit leaves room for";
+    const auto build = [](const char* total) {
+        const rlimit limit = {4ul << 30, 4ul << 30};
+        setrlimit(RLIMIT_AS, &limit);
+        LogCapture log;
+        // Freed by the child's exit.
+        auto* m = static_cast<MemoryMeter*>(RegistryBase<Meter, MeterInfo>::classList->at("Memory")(
+            makeInfo({"rss_swap", "ion_tesk"}, total)));
+        for (const std::string& line : log.lines())
+            fprintf(stderr, "%s\n", line.c_str());
+        _exit(static_cast<int>(m->mFields.size()));
+    };
+    const std::string caught =
+        "MemoryMeter: MemoryMeter() 126: Caught Exception: std::bad_alloc in MemoryMeter\n";
+    const std::string both = "Meter: MemoryField() 27: Failed mMemoryValues\n" + caught;
+    using Stderr = ::testing::Matcher<const std::string&>;
+    EXPECT_EXIT(build("300000000"), ::testing::ExitedWithCode(0), Stderr(caught + caught));
+    EXPECT_EXIT(build("2147483647"), ::testing::ExitedWithCode(0), Stderr(both + both));
+    // Zero pages: results of 100000000 samples cost nothing until written.
+    EXPECT_EQ(MemoryField("rss_swap", 100000000).mResults.size(), 100000000u);
 }

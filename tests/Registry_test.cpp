@@ -1,76 +1,53 @@
 // Registration by name and the factory template.
 #include "MeterRegistry.h"
 
-#include <gtest/gtest.h>
+#include <utility>
 
-#include <memory>
-
+#include "MemoryMeter.h"
+#include "ProCompMeter.h"
 #include "TestSupport.h"
+#include "VmRssMeter.h"
 
-using testsupport::FailNothrowNew;
 using Reg = RegistryBase<Meter, MeterInfo>;
 
-namespace {
-
-// Keeps the name of the MeterInfo it was built from.
-struct NamedMeter : Meter {
-    explicit NamedMeter(MeterInfo info) : Meter(info), name(info.name) {}
-    void start() override {}
-    std::string name;
-};
-
-// Two factories that differ, so that no linker can fold them into one.
-const Reg::Factory factoryA = [](MeterInfo) -> Meter* { return nullptr; };
-const Reg::Factory factoryB = [](MeterInfo info) -> Meter* { return new NamedMeter(info); };
-
-// Whether FailNothrowNew takes effect in this build (not under the thread sanitizer, whose
-// runtime owns the allocation operators). Called through a pointer so it is not optimised out.
-bool nothrowNewCanFail() {
-    void* (*volatile allocate)(std::size_t, const std::nothrow_t&) noexcept = &::operator new;
-    FailNothrowNew failing;
-    void* p = allocate(1, std::nothrow);
-    ::operator delete(p);
-    return p == nullptr;
+TEST(MeterRegistry, TheFirstFactoryRegisteredUnderANameIsKept) {
+    EXPECT_TRUE(MeterRegistry::Register<ProCompMeter>("Test.First"));
+    EXPECT_FALSE(MeterRegistry::Register<VmRssMeter>("Test.First"));
+    EXPECT_EQ(Reg::classList->at("Test.First"), (&createClassObj<Meter, MeterInfo, ProCompMeter>));
 }
 
-}  // namespace
-
-TEST(MeterRegistry, FirstFactoryRegisteredUnderANameIsKept) {
-    EXPECT_TRUE(MeterRegistry::Registry("Test.First", factoryA));
-    EXPECT_FALSE(MeterRegistry::Registry("Test.First", factoryB));
-    EXPECT_TRUE(MeterRegistry::Registry("Test.First", factoryA));
-    EXPECT_EQ(Reg::classList->at("Test.First"), factoryA);
-}
-
-TEST(MeterRegistry, NewMapHasLoadFactorOneAndAFailedAllocationIsLoggedAndLeavesItNull) {
-    Reg::Map* saved = Reg::classList;
-    Reg::classList = nullptr;
-    testsupport::LogCapture log;
-    if (nothrowNewCanFail()) {  // the switch has no effect under the thread sanitizer
-        FailNothrowNew failing;
-        EXPECT_FALSE(MeterRegistry::Registry("X", factoryA));
-        EXPECT_EQ(Reg::classList, nullptr);
-        EXPECT_EQ(log.records(),
-                  std::vector<std::string>{"6|ANDR-PERF-ZQ|MeterRegistry: Registry() 97: getMap() "
-                                           "returned nullptr, Class X not registered"});
+TEST(MeterRegistry, EachNameBuildsItsOwnClassFromTheInfo) {
+    // Memory takes its bound from configs, VmRss from numSamples.
+    const MeterInfo info{"", {}, {}, {{"TotalSamplesToRun", "6"}}, 6};
+    // {name, whether the meter is of the name's class and took its sample bound from info}; a
+    // meter of another class fails the cast.
+    const std::pair<const char*, bool (*)(Meter&)> cases[] = {
+        {"VmRss", [](Meter& m) { return dynamic_cast<VmRssMeter&>(m).mNumSamples == 6; }},
+        {"Memory", [](Meter& m) { return dynamic_cast<MemoryMeter&>(m).mTotalSamples == 6; }},
+        {"ProComp", [](Meter& m) { return dynamic_cast<ProCompMeter*>(&m) != nullptr; }}};
+    for (auto [name, isItsClass] : cases) {
+        std::unique_ptr<Meter> meter(Reg::classList->at(name)(info));
+        ASSERT_NE(meter, nullptr) << name;
+        EXPECT_TRUE(isItsClass(*meter)) << name;
     }
-    EXPECT_TRUE(MeterRegistry::Registry("X", factoryB));
-    std::unique_ptr<Reg::Map> created(Reg::classList);
-    Reg::classList = saved;
-    ASSERT_NE(created, nullptr);
-    EXPECT_FLOAT_EQ(created->max_load_factor(), 1.0f);
-    EXPECT_EQ(created->size(), 1u);
 }
 
-TEST(MeterRegistry, RegisteredFactoryBuildsTheClassOrNullWhenAllocationFails) {
-    ASSERT_TRUE(MeterRegistry::Register<NamedMeter>("Test.Named"));
-    MeterInfo info;
-    info.name = "Test.Named";
-    std::unique_ptr<Meter> built(Reg::classList->at("Test.Named")(info));
-    ASSERT_NE(dynamic_cast<NamedMeter*>(built.get()), nullptr);
-    EXPECT_EQ(dynamic_cast<NamedMeter&>(*built).name, "Test.Named");
-    if (!nothrowNewCanFail())
+TEST(MeterRegistry, FailedAllocationsLeaveTheRegistryNullWithALinePerMeterAndFactoriesNull) {
+    if (!testsupport::nothrowNewCanFail())
         GTEST_SKIP() << "the non-throwing allocation cannot be made to fail in this build";
-    FailNothrowNew failing;
-    EXPECT_EQ((createClassObj<Meter, MeterInfo, NamedMeter>(info)), nullptr);
+    Reg::Map* saved = std::exchange(Reg::classList, nullptr);
+    testsupport::LogCapture log;
+    {
+        testsupport::FailNothrowNew failing;
+        EXPECT_FALSE(MeterRegistry::Register<ProCompMeter>("X"));
+        EXPECT_FALSE(MeterRegistry::Register<VmRssMeter>("Y"));
+        EXPECT_EQ(saved->at("VmRss")(MeterInfo()), nullptr);
+    }
+    EXPECT_EQ(Reg::classList, nullptr);
+    EXPECT_EQ(
+        log.lines(),
+        (std::vector<std::string>{
+            "MeterRegistry: Registry() 97: getMap() returned nullptr, Class X not registered",
+            "MeterRegistry: Registry() 97: getMap() returned nullptr, Class Y not registered"}));
+    Reg::classList = saved;
 }

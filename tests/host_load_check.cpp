@@ -1,42 +1,35 @@
 // A host that knows only the registry: it loads libmeters.so by path and expects the meters'
-// registrations to have filled the registry it shares with the library.
+// registrations to have filled the registry it shares with the library with exactly the names
+// it is given, no more and no fewer.
 #include <dlfcn.h>
 
 #include <cstdio>
+#include <set>
+#include <string>
 
 #include "RegistryBase.h"
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
-        fprintf(stderr, "usage: %s path/to/libmeters.so [expected-name...]\n", argv[0]);
+    using Registry = RegistryBase<Meter, MeterInfo>;
+    // A registry filled before the load would prove nothing about the load.
+    if (argc < 2 || Registry::classList != nullptr) {
+        fprintf(stderr, "usage: %s path/to/libmeters.so [name...], with nothing registered yet\n",
+                argv[0]);
         return 2;
     }
-    if (RegistryBase<Meter, MeterInfo>::classList != nullptr) {
-        fprintf(stderr, "registry filled before the library was loaded\n");
-        return 1;
-    }
-    void* lib = dlopen(argv[1], RTLD_NOW | RTLD_GLOBAL);
-    if (lib == nullptr) {
+    if (dlopen(argv[1], RTLD_NOW | RTLD_GLOBAL) == nullptr) {
         fprintf(stderr, "dlopen failed: %s\n", dlerror());
         return 1;
     }
-    auto* map = RegistryBase<Meter, MeterInfo>::classList;
-    if (map == nullptr) {
-        fprintf(stderr, "registry still empty after loading the library\n");
-        return argc > 2 ? 1 : 0;
-    }
-    for (const auto& entry : *map)
-        printf("registered: %s\n", entry.first.c_str());
-    int missing = 0;
-    for (int i = 2; i < argc; ++i) {
-        if (map->count(argv[i]) == 0) {
-            fprintf(stderr, "not registered: %s\n", argv[i]);
-            ++missing;
-        }
-    }
-    if (map->size() != static_cast<size_t>(argc - 2)) {
-        fprintf(stderr, "expected %d names, found %zu\n", argc - 2, map->size());
-        return 1;
-    }
-    return missing == 0 ? 0 : 1;
+    std::set<std::string> expected(argv + 2, argv + argc), registered;
+    if (Registry::classList != nullptr)
+        for (const auto& entry : *Registry::classList)
+            registered.insert(entry.first);
+    for (const std::string& name : registered)
+        if (expected.count(name) == 0)
+            fprintf(stderr, "registered but not expected: %s\n", name.c_str());
+    for (const std::string& name : expected)
+        if (registered.count(name) == 0)
+            fprintf(stderr, "not registered: %s\n", name.c_str());
+    return registered == expected ? 0 : 1;
 }

@@ -2,15 +2,16 @@
 
 #include <cutils/properties.h>
 #include <log/log.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <iterator>
 #include <new>
-#include <sstream>
-#include <thread>
 
 #include "seams.h"
 
@@ -18,23 +19,27 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::atomic<bool> gFailNothrow{false};
-
 std::mutex gLogMutex;
-std::vector<std::string> gRecords;
 std::vector<std::string> gLines;
 
+// The whole file, or "(none)" when it cannot be opened.
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "(none)";
+}
+
 void captureLogger(const __android_log_message* msg) {
+    std::string line = msg->message;
+    if (msg->priority != ANDROID_LOG_ERROR || strcmp(msg->tag, "ANDR-PERF-ZQ") != 0)
+        line = "[" + std::to_string(msg->priority) + "|" + msg->tag + "] " + line;
     std::lock_guard<std::mutex> lock(gLogMutex);
-    gLines.emplace_back(msg->message);
-    gRecords.push_back(std::to_string(msg->priority) + "|" + msg->tag + "|" + msg->message);
+    gLines.push_back(line);
 }
 
 }  // namespace
 
-// The thread sanitizer's runtime is linked whole and defines every allocation operator
-// strongly, so a replacement here would be a duplicate definition: under it the switch has no
-// effect and tests that rely on it must check that it works.
+// The thread sanitizer's runtime defines every allocation operator strongly, so a replacement
+// here would be a duplicate definition: under it the switch has no effect.
 #if defined(__SANITIZE_THREAD__)
 #define METERS_TEST_TSAN 1
 #elif defined(__has_feature)
@@ -44,23 +49,19 @@ void captureLogger(const __android_log_message* msg) {
 #endif
 
 #ifndef METERS_TEST_TSAN
-// The tests' replacement of the non-throwing allocation, switchable to fail on demand. It
-// allocates through the ordinary operator new so sanitizers see matching new/delete pairs.
+// The non-throwing allocations, switchable to fail. They allocate through the ordinary operator
+// new of their own kind, so sanitizers see matching new/delete pairs.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    if (gFailNothrow.load())
-        return nullptr;
     try {
-        return ::operator new(size);
+        return testsupport::gFailNothrowNew ? nullptr : ::operator new(size);
     } catch (...) {
         return nullptr;
     }
 }
 
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    if (gFailNothrow.load())
-        return nullptr;
     try {
-        return ::operator new[](size);
+        return testsupport::gFailNothrowNew ? nullptr : ::operator new[](size);
     } catch (...) {
         return nullptr;
     }
@@ -83,145 +84,102 @@ std::vector<std::string> LogCapture::lines() const {
     return gLines;
 }
 
-std::vector<std::string> LogCapture::records() const {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    return gRecords;
-}
-
 void LogCapture::clear() {
     std::lock_guard<std::mutex> lock(gLogMutex);
     gLines.clear();
-    gRecords.clear();
 }
 
 FixtureRoot::FixtureRoot() {
     std::string tmpl = (fs::temp_directory_path() / "meters-root-XXXXXX").string();
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr)
+    if (mkdtemp(tmpl.data()) == nullptr)
         std::abort();
-    mPath = buf.data();
-    if (const char* prev = getenv("METERS_ROOT")) {
-        mHadPreviousRoot = true;
-        mPreviousRoot = prev;
-    }
+    mPath = tmpl;
+    if (const char* previous = getenv("METERS_ROOT"))
+        mPreviousRoot = previous;
     setenv("METERS_ROOT", mPath.c_str(), 1);
 }
 
 FixtureRoot::~FixtureRoot() {
-    if (mHadPreviousRoot) {
-        setenv("METERS_ROOT", mPreviousRoot.c_str(), 1);
-    } else {
-        unsetenv("METERS_ROOT");
-    }
+    mPreviousRoot ? setenv("METERS_ROOT", mPreviousRoot->c_str(), 1) : unsetenv("METERS_ROOT");
     std::error_code ec;
     fs::remove_all(mPath, ec);
 }
 
-void FixtureRoot::addFile(const std::string& absPath, const std::string& content) const {
-    fs::path p = mPath + absPath;
-    fs::create_directories(p.parent_path());
-    std::ofstream out(p, std::ios::binary | std::ios::trunc);
-    out << content;
+void FixtureRoot::addFile(const std::string& path, const std::string& content) const {
+    fs::create_directories(fs::path(mPath + path).parent_path());
+    std::ofstream(mPath + path, std::ios::binary | std::ios::trunc) << content;
 }
 
-void FixtureRoot::addDir(const std::string& absPath) const {
-    fs::create_directories(mPath + absPath);
+void FixtureRoot::addDir(const std::string& path) const {
+    fs::create_directories(mPath + path);
 }
 
-void FixtureRoot::addSymlink(const std::string& absPath, const std::string& target) const {
-    fs::path p = mPath + absPath;
-    fs::create_directories(p.parent_path());
-    fs::create_symlink(target, p);
+void FixtureRoot::addSymlink(const std::string& path, const std::string& target) const {
+    fs::create_directories(fs::path(mPath + path).parent_path());
+    fs::create_symlink(target, mPath + path);
 }
 
-void FixtureRoot::remove(const std::string& absPath) const {
+void FixtureRoot::remove(const std::string& path) const {
     std::error_code ec;
-    fs::remove_all(mPath + absPath, ec);
+    fs::remove_all(mPath + path, ec);
 }
 
-std::string FixtureRoot::read(const std::string& absPath) const {
-    std::ifstream in(mPath + absPath, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+std::string FixtureRoot::read(const std::string& path) const {
+    return slurp(mPath + path);
 }
 
-bool FixtureRoot::exists(const std::string& absPath) const {
-    return fs::exists(mPath + absPath);
-}
-
-struct ScriptedSleep::State {
-    std::mutex mutex;
-    std::vector<uint32_t> sleeps;
-    std::function<void(int, uint32_t)> onSleep;
-};
-
-ScriptedSleep::ScriptedSleep(std::function<void(int, uint32_t)> onSleep) : mState(new State) {
-    mState->onSleep = std::move(onSleep);
-    State* state = mState;
-    seams::setSleepHook([state](uint32_t us) {
-        int index;
-        {
-            std::lock_guard<std::mutex> lock(state->mutex);
-            index = static_cast<int>(state->sleeps.size());
-            state->sleeps.push_back(us);
-        }
-        if (state->onSleep)
-            state->onSleep(index, us);
+ScriptedSleep::ScriptedSleep(std::function<void(int, uint32_t)> onSleep)
+    : mOnSleep(std::move(onSleep)) {
+    seams::setSleepHook([this](uint32_t us) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mSleeps.push_back(us);
+        int index = static_cast<int>(mSleeps.size()) - 1;
+        lock.unlock();
+        if (mOnSleep)
+            mOnSleep(index, us);
     });
 }
 
 ScriptedSleep::~ScriptedSleep() {
     seams::setSleepHook(nullptr);
-    delete mState;
 }
 
 std::vector<uint32_t> ScriptedSleep::sleeps() const {
-    std::lock_guard<std::mutex> lock(mState->mutex);
-    return mState->sleeps;
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mSleeps;
 }
 
-FailNothrowNew::FailNothrowNew() {
-    gFailNothrow.store(true);
-}
-FailNothrowNew::~FailNothrowNew() {
-    gFailNothrow.store(false);
-}
-
-void clearProperty(const char* name) {
-    property_set(name, "");
+bool nothrowNewCanFail() {
+    // Through a pointer, so the compiler cannot assume the allocation succeeds.
+    void* (*volatile allocate)(std::size_t, const std::nothrow_t&) noexcept = &::operator new;
+    FailNothrowNew failing;
+    void* p = allocate(1, std::nothrow);
+    ::operator delete(p);
+    return p == nullptr;
 }
 
-AsyncTriggerPayload makePayload(uint32_t hintId, int32_t hintType, int32_t pid) {
-    AsyncTriggerPayload p;
-    p.hintId = hintId;
-    p.hintType = hintType;
-    p.intArgs[0] = pid;
-    return p;
+std::string testData(const std::string& name) {
+    return slurp(std::string(METERS_TEST_DATA) + "/" + name);
 }
 
-sysstats_task makeStats(int64_t rssKb, int64_t swapKb, int64_t gpuKb) {
-    sysstats_task s{};
-    s.vm_rss_kb = rssKb;
-    s.vm_swap_kb = swapKb;
-    s.gpu_mem_kb = gpuKb;
-    return s;
+ChildProcess::ChildProcess(const std::string& name) {
+    const char* argv[] = {name.c_str(), "30", nullptr};
+    pid_t pid = 0;
+    if (posix_spawn(&pid, "/bin/sleep", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
+        return;
+    mPid = pid;
+    // Until it waits in its sleep, its command line and memory are still settling.
+    const std::string status = "/proc/" + std::to_string(pid) + "/status";
+    for (int i = 0; i < 2000 && slurp(status).find("State:\tS") == std::string::npos; ++i)
+        usleep(1000);
 }
 
-ScopedStats::ScopedStats(std::function<sysstats_task(int call)> answer) {
-    StatsProvider::setStatsSource([this, answer](int pid) {
-        mLastPid.store(pid);
-        return answer(mCalls.fetch_add(1));
-    });
-}
-
-ScopedStats::~ScopedStats() {
-    StatsProvider::setStatsSource(nullptr);
-}
-
-void deliverFromThread(Meter& meter, const AsyncTriggerPayload& payload) {
-    std::thread([&meter, &payload] { meter.asyncTriggerUpdate(payload); }).join();
+void ChildProcess::kill() {
+    if (mPid > 0) {
+        ::kill(mPid, SIGKILL);
+        waitpid(mPid, nullptr, 0);
+    }
+    mPid = -1;
 }
 
 }  // namespace testsupport

@@ -1,46 +1,63 @@
-// Helpers the tests share: log capture, fixture trees under METERS_ROOT, the scripted sleep,
-// and a switch that makes the non-throwing allocation fail.
+// What the tests share: the headers every test file uses, log capture, fixture trees under
+// METERS_ROOT, the scripted sleep, scripted statistics, real child processes, and a switch that
+// makes the non-throwing allocation fail.
 #pragma once
 
+#include <cutils/properties.h>
+#include <gtest/gtest.h>
+
+#include <array>
 #include <atomic>
+#include <climits>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
+#include "HintCodes.h"
 #include "Meter.h"
+#include "RegistryBase.h"
 #include "StatsProvider.h"
 
 namespace testsupport {
 
-// Captures every log line of the process while alive. Lines are kept as formatted messages.
+// Captures the process's log lines while alive, as their messages. A line that is not written
+// at error priority with the library's tag reads "[<priority>|<tag>] <message>", so comparing
+// messages also checks both.
 class LogCapture {
   public:
     LogCapture();
     ~LogCapture();
     std::vector<std::string> lines() const;
-    // Lines as "<priority>|<tag>|<message>".
-    std::vector<std::string> records() const;
     void clear();
 };
 
-// A temporary directory that METERS_ROOT points at while alive.
+// A temporary directory that METERS_ROOT points at while alive. Paths are absolute, as a meter
+// names them.
 class FixtureRoot {
   public:
     FixtureRoot();
     ~FixtureRoot();
-    // Writes content to root + absPath, creating directories.
-    void addFile(const std::string& absPath, const std::string& content) const;
-    void addDir(const std::string& absPath) const;
-    void addSymlink(const std::string& absPath, const std::string& target) const;
-    void remove(const std::string& absPath) const;
-    std::string read(const std::string& absPath) const;
-    bool exists(const std::string& absPath) const;
+    // Writes content in place (the same inode, as a kernel node changes), creating directories.
+    void addFile(const std::string& path, const std::string& content) const;
+    void addDir(const std::string& path) const;
+    void addSymlink(const std::string& path, const std::string& target) const;
+    void remove(const std::string& path) const;
+    // The file's content, or "(none)" when it does not exist.
+    std::string read(const std::string& path) const;
+    // The path under the root, for code that bypasses the seam.
+    std::string real(const std::string& path) const { return mPath + path; }
 
   private:
     std::string mPath;
-    std::string mPreviousRoot;
-    bool mHadPreviousRoot = false;
+    std::optional<std::string> mPreviousRoot;
 };
 
 // Replaces the sleep seam while alive: each sleep calls onSleep(index, us) instead of sleeping.
@@ -51,31 +68,51 @@ class ScriptedSleep {
     std::vector<uint32_t> sleeps() const;
 
   private:
-    struct State;
-    State* mState;
+    mutable std::mutex mMutex;
+    std::vector<uint32_t> mSleeps;
+    std::function<void(int, uint32_t)> mOnSleep;
 };
 
-// While alive, every non-throwing operator new / new[] in the process returns null.
-class FailNothrowNew {
-  public:
-    FailNothrowNew();
-    ~FailNothrowNew();
+// While alive, every non-throwing operator new / new[] in the process returns null. Under the
+// thread sanitizer, whose runtime owns the allocation operators, it has no effect: tests that
+// need it skip when nothrowNewCanFail() is false.
+inline std::atomic<bool> gFailNothrowNew{false};
+struct FailNothrowNew {
+    FailNothrowNew() { gFailNothrowNew = true; }
+    ~FailNothrowNew() { gFailNothrowNew = false; }
 };
+bool nothrowNewCanFail();
+
+// A file of tests/data: node texts as the kernel writes them.
+std::string testData(const std::string& name);
 
 // Unsets a property (an empty value reads as unset).
-void clearProperty(const char* name);
+inline void clearProperty(const char* name) {
+    property_set(name, "");
+}
 
-// An event with its code and type; intArgs[0] carries the pid the sampling meters watch.
-AsyncTriggerPayload makePayload(uint32_t hintId, int32_t hintType, int32_t pid = 0);
+// An event with its code and type; intArgs[0] carries the pid (or time budget) a meter reads.
+inline AsyncTriggerPayload makePayload(uint32_t hintId, int32_t hintType, int32_t arg0 = 0,
+                                       const std::string& appName = "") {
+    AsyncTriggerPayload p{hintId, hintType, appName, {arg0}, {}, 0};
+    return p;
+}
 
 // A statistics record with the three words the meters read (0, 2 and 4).
-sysstats_task makeStats(int64_t rssKb, int64_t swapKb, int64_t gpuKb);
+inline sysstats_task makeStats(int64_t rssKb, int64_t swapKb, int64_t gpuKb) {
+    return sysstats_task{rssKb, 0, swapKb, 0, gpuKb, {}};
+}
 
 // While alive, StatsProvider::getPIDStats answers answer(call index); counts the calls.
 class ScopedStats {
   public:
-    explicit ScopedStats(std::function<sysstats_task(int call)> answer);
-    ~ScopedStats();
+    explicit ScopedStats(std::function<sysstats_task(int call)> answer) {
+        StatsProvider::setStatsSource([this, answer](int pid) {
+            mLastPid = pid;
+            return answer(mCalls++);
+        });
+    }
+    ~ScopedStats() { StatsProvider::setStatsSource(nullptr); }
     int calls() const { return mCalls.load(); }
     int lastPid() const { return mLastPid.load(); }
 
@@ -86,6 +123,21 @@ class ScopedStats {
 
 // Delivers the event from a thread of its own, as the host's event thread does, and returns once
 // the meter has taken it: the delivery is thereby ordered with the caller.
-void deliverFromThread(Meter& meter, const AsyncTriggerPayload& payload);
+inline void deliverFromThread(Meter& meter, const AsyncTriggerPayload& payload) {
+    std::thread([&meter, &payload] { meter.asyncTriggerUpdate(payload); }).join();
+}
+
+// Starts a real process (/bin/sleep under the given name) and kills and reaps it on kill() or
+// destruction. Its /proc entries are the kernel's own.
+class ChildProcess {
+  public:
+    explicit ChildProcess(const std::string& name);
+    ~ChildProcess() { kill(); }
+    int pid() const { return mPid; }
+    void kill();
+
+  private:
+    int mPid = -1;
+};
 
 }  // namespace testsupport
