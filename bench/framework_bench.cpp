@@ -1,13 +1,24 @@
 // Costs the meters pay on every sampling cycle or diagnostic: one log line, one CSV dump of a
-// full VmRss series, one read of a process's statistics from /proc.
+// full VmRss series, one read of a process's statistics from /proc. The per-sample reads are
+// set against a raw read of the same file, and the program ends with their ratios.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <iomanip>
+#include <map>
+#include <string>
 #include <vector>
 
 #include "Diagnostics.h"
 #include "DumpData.h"
+#include "MemoryMeter.h"
+#include "NodeStream.h"
 #include "StatsProvider.h"
+#include "VmRssMeter.h"
 
 namespace {
 
@@ -32,9 +43,121 @@ BENCHMARK(BM_DumpDisabled);
 void BM_GetPIDStatsSelf(benchmark::State& state) {
     StatsProvider stats;
     int pid = getpid();
+    if (stats.getPIDStats(pid).vm_rss_kb <= 0)  // an empty answer would time nothing
+        state.SkipWithError("no VmRSS for this process");
     for (auto _ : state)
         benchmark::DoNotOptimize(stats.getPIDStats(pid));
 }
 BENCHMARK(BM_GetPIDStatsSelf);
 
+// The floor for one sample: a kept-open status file read at offset 0, two keys found.
+void BM_RawPreadStatus(benchmark::State& state) {
+    int fd = open("/proc/self/status", O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        state.SkipWithError("cannot open /proc/self/status");
+    char buf[4096];
+    for (auto _ : state) {
+        ssize_t n = pread(fd, buf, sizeof(buf) - 1, 0);
+        buf[n > 0 ? n : 0] = '\0';
+        const char* rssAnon = strstr(buf, "RssAnon:");
+        const char* vmSwap = strstr(buf, "VmSwap:");
+        int value = rssAnon != nullptr ? atoi(rssAnon + 8) : -1;
+        if (vmSwap != nullptr)
+            value += atoi(vmSwap + 7);
+        benchmark::DoNotOptimize(value);
+    }
+    if (fd >= 0)
+        close(fd);
+}
+BENCHMARK(BM_RawPreadStatus);
+
+// VmRssMeter's sample: its parser on the kept-open node, then the rewind for the next one.
+void BM_NodeFileVmRssSample(benchmark::State& state) {
+    meters::NodeFile node("/proc/self/status");
+    VmRssMeter meter("VmRss", 1, {});
+    if (meter.getProcessVmRss(node.get()) < 1 || !node.rewind())
+        state.SkipWithError("cannot read /proc/self/status");
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(meter.getProcessVmRss(node.get()));
+        node.rewind();
+    }
+}
+BENCHMARK(BM_NodeFileVmRssSample);
+
+long residentKb() {
+    long pages = 0, resident = 0;
+    FILE* statm = fopen("/proc/self/statm", "r");
+    if (statm != nullptr && fscanf(statm, "%ld %ld", &pages, &resident) != 2)
+        resident = 0;
+    if (statm != nullptr)
+        fclose(statm);
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// A field sized for 100000000 samples, used as a run uses it (sample 0 and the end point):
+// what it costs in resident memory. Target: well under 1 MB of the 1.6 GB it spans.
+void BM_MemoryFieldOfAHugeCount(benchmark::State& state) {
+    long grown = 0;
+    for (auto _ : state) {
+        long before = residentKb();
+        MemoryField field("rss_swap", 100000000);
+        field.collectStats(0, sysstats_task{51200, 0, 128, 0, 0, {}});
+        field.updateStats(0);
+        grown = std::max(grown, residentKb() - before);
+        benchmark::DoNotOptimize(field.mResults[0]);
+    }
+    state.counters["resident_kB"] = static_cast<double>(grown);
+}
+BENCHMARK(BM_MemoryFieldOfAHugeCount)->Iterations(5)->Unit(benchmark::kMicrosecond);
+
+// Reports as the console does, then each per-sample read's median time over the raw read's.
+class RatioReporter : public benchmark::ConsoleReporter {
+  public:
+    using ConsoleReporter::ConsoleReporter;
+
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs) {
+            if (run.run_type == Run::RT_Iteration && !run.error_occurred)
+                mTimes[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        printRatio("NodeFile/raw", "BM_NodeFileVmRssSample", 1.3);
+        printRatio("getPIDStats/raw", "BM_GetPIDStatsSelf", 1.5);
+    }
+
+  private:
+    double median(const std::string& name) {
+        std::vector<double>& t = mTimes[name];
+        if (t.empty())
+            return 0;
+        std::nth_element(t.begin(), t.begin() + t.size() / 2, t.end());
+        return t[t.size() / 2];
+    }
+
+    void printRatio(const char* label, const std::string& name, double target) {
+        double raw = median("BM_RawPreadStatus"), time = median(name);
+        if (raw > 0 && time > 0)
+            GetOutputStream() << "ratio " << label << " = " << std::fixed << std::setprecision(2)
+                              << time / raw << " (target <= " << target << ")\n";
+    }
+
+    std::map<std::string, std::vector<double>> mTimes;
+};
+
 }  // namespace
+
+int main(int argc, char** argv) {
+    unsetenv("METERS_ROOT");  // the real /proc, whatever the caller's environment
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    RatioReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Color
+                                                 : benchmark::ConsoleReporter::OO_None);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
