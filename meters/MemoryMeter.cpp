@@ -16,6 +16,7 @@
 bool MemoryMeter::registerMeter = MeterRegistry::Register<MemoryMeter>("Memory");
 
 using meters::guardedMultiply;
+using meters::guardedSubtract;
 using meters::kSamplePeriodMs;
 using meters::kSamplePeriodUs;
 using meters::wrappingAdd;
@@ -44,15 +45,11 @@ constexpr int32_t kDriftThreshold = 14;
 constexpr int32_t kRangeThreshold = 17;
 
 // |((value - base) * 100) / base|, multiplying first: unlike the VmRss detector this one sees
-// fractions of the base. A zero base or a difference that does not fit gives 0.
+// fractions of the base. A zero base gives 0.
 int32_t percentChange(int32_t value, int32_t base) {
     if (base == 0)
         return 0;
-    int64_t diff = static_cast<int64_t>(value) - base;
-    if (diff > INT32_MAX || diff < INT32_MIN)
-        return 0;
-    int64_t quotient =
-        guardedMultiply(static_cast<int32_t>(diff), 100) / static_cast<int64_t>(base);
+    const int64_t quotient = guardedMultiply(guardedSubtract(value, base), 100) / int64_t{base};
     return static_cast<int32_t>(quotient < 0 ? -quotient : quotient);
 }
 

@@ -12,11 +12,13 @@
 #include "MeterMath.h"
 #include "MeterRegistry.h"
 #include "NodeStream.h"
+#include "ProcStatus.h"
 #include "seams.h"
 
 bool VmRssMeter::registerMeter = MeterRegistry::Register<VmRssMeter>("VmRss");
 
 using meters::guardedMultiply;
+using meters::guardedSubtract;
 using meters::kSamplePeriodMs;
 using meters::kSamplePeriodUs;
 using meters::wrappingAdd;
@@ -29,13 +31,10 @@ constexpr char kComponent[] = "VmRssMeter:";
 // hint::kActivityStop abandons the run.
 
 constexpr char kTasksPath[] = "/dev/cpuset/top-app/tasks";
-constexpr char kRssAnonKey[] = "RssAnon:";
-constexpr char kVmSwapKey[] = "VmSwap:";
 
 constexpr int32_t kDefaultMaxDurationMs = 8100;
 constexpr int kPidAttempts = 5;
 constexpr uint32_t kPidRetryUs = 200000;
-constexpr int kStatusLineSize = 150;
 constexpr int kStatusPathSize = 128;
 
 // A sample that moved more than this many percent from the baseline is a significant change...
@@ -44,11 +43,9 @@ constexpr int32_t kDriftThreshold = 9;
 constexpr int32_t kRangeThreshold = 13;
 
 // |((a - b) / divisor) * 100|, dividing first: only whole multiples of the divisor count, which
-// keeps this detector deliberately coarse. An overflowing difference counts as no change.
+// keeps this detector deliberately coarse.
 int32_t coarsePercentage(int32_t a, int32_t b, int32_t divisor) {
-    int64_t diff = static_cast<int64_t>(a) - static_cast<int64_t>(b);
-    if (diff < INT32_MIN || diff > INT32_MAX)
-        return 0;
+    const int64_t diff = guardedSubtract(a, b);
     // INT32_MIN / -1 wraps to INT32_MIN, as the device's division does.
     int32_t quotient = divisor == 0 ? 0 : static_cast<int32_t>(diff / divisor);
     int32_t percentage = guardedMultiply(quotient, 100);
@@ -212,39 +209,11 @@ int VmRssMeter::getPidExpensive(std::string& appName) {
 }
 
 int VmRssMeter::getProcessVmRss(FILE* status) {
-    if (status == nullptr)
-        return -1;
-    int rssAnon = -1;
-    int vmSwap = -1;
-    int found = 0;
-    char line[kStatusLineSize];
-    while (found < 2 && fgets(line, sizeof(line), status) != nullptr) {
-        if (strstr(line, kRssAnonKey) != nullptr) {
-            int value = getFieldValue(line, kRssAnonKey);
-            if (value >= 0) {
-                rssAnon = value;
-                ++found;
-            }
-        } else if (strstr(line, kVmSwapKey) != nullptr) {
-            int value = getFieldValue(line, kVmSwapKey);
-            if (value >= 0) {
-                vmSwap = value;
-                ++found;
-            }
-        }
-    }
-    if (found < 2)
-        return rssAnon;
-    return wrappingAdd(rssAnon, vmSwap);
+    return meters::statusAnonPlusSwapKb(status);
 }
 
 int VmRssMeter::getFieldValue(char* line, const char* key) {
-    if (line == nullptr || key == nullptr)
-        return -1;
-    const char* at = strstr(line, key);
-    if (at == nullptr)
-        return -1;
-    return atoi(at + strlen(key));
+    return meters::statusFieldValue(line, key);
 }
 
 int VmRssMeter::detectLaunchEndpoint(int value) {

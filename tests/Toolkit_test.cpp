@@ -105,6 +105,8 @@ TEST(MeterMath, GuardedProductsGiveOneWhereTheyWouldNotFit) {
     for (const auto& [a, b, product] : floats)
         EXPECT_FLOAT_EQ(meters::guardedMultiply(a, b), product) << a << " * " << b;
     EXPECT_EQ(meters::wrappingAdd(INT_MAX, 1), INT_MIN);
+    EXPECT_EQ(meters::guardedSubtract(INT_MIN, 1), 0);
+    EXPECT_EQ(meters::guardedSubtract(-1, INT_MAX), INT_MIN);
 }
 
 TEST(MeterConfig, APresentValueReplacesTheDefaultAsItStands) {

@@ -13,16 +13,6 @@ constexpr char kCsvPath[] = "/data/vendor/zq/com.example.app_vmrss.csv";
 constexpr char kTasksPath[] = "/dev/cpuset/top-app/tasks";
 constexpr char kAppStatus[] = "/proc/1210/status";
 
-// A real process's status text with its RssAnon and VmSwap values replaced.
-std::string status(int rssAnonKb, int swapKb) {
-    std::string text = testData("status");
-    for (auto [key, kb] : {std::pair("RssAnon:", rssAnonKb), std::pair("VmSwap:", swapKb)}) {
-        size_t at = text.find(key) + strlen(key);
-        text.replace(at, text.find(" kB", at) - at, "\t" + std::to_string(kb));
-    }
-    return text;
-}
-
 }  // namespace
 
 TEST(VmRssDetector, ScriptedSampleSequences) {
@@ -67,7 +57,7 @@ TEST(VmRssDetector, ScriptedSampleSequences) {
 
 TEST(VmRssReaders, StatusSampleIsRssAnonPlusVmSwapReadIn150BytePieces) {
     const std::pair<std::string, int> cases[] = {
-        {status(51200, 128), 51328},
+        {statusText(51200, 128), 51328},
         {"RssAnon: 10\nRssAnon: 20\nVmSwap: 5\n", 19},        // stops at the second counted key
         {"RssAnon: 5 VmSwap: 7\nVmSwap: 1\n", 6},             // one key a piece, RssAnon first
         {"xxRssAnon: 2147483647\nfoo VmSwap: 1\n", INT_MIN},  // keys anywhere; the sum wraps
@@ -191,7 +181,7 @@ TEST_F(VmRssRun, RunsEndAsScriptedAndDumpTheirSeries) {
         };
         auto setSample = [&](int k) {
             root.addFile(kAppStatus,
-                         status(c.totals[std::min<size_t>(k, c.totals.size() - 1)] - 8, 8));
+                         statusText(c.totals[std::min<size_t>(k, c.totals.size() - 1)] - 8, 8));
             if (k == c.actAt)
                 act();
         };

@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <fstream>
+#include <string>
 
 class DumpData {
   public:
@@ -14,4 +16,11 @@ class DumpData {
     static void Dump(const char* name, int duration, int* values, int count);
     // Appends "<text>, launchDuration = <value>\n" to the name's file.
     static void Marker(const char* text, int value, const char* name);
+
+    // The switch as it reads now (default false). Dump and Marker read it once per process;
+    // other dumps may remember it differently.
+    static bool csvSwitchOn();
+    // Opens path for appending (an absolute path goes through the path seam); false when it
+    // cannot be opened.
+    static bool openForAppend(std::ofstream& out, const std::string& path);
 };

@@ -17,6 +17,12 @@ constexpr int32_t wrappingAdd(int32_t a, int32_t b) {
     return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
 }
 
+// a - b, or 0 when the difference does not fit in 32 bits: an impossible change reads as none.
+constexpr int32_t guardedSubtract(int32_t a, int32_t b) {
+    const int64_t difference = static_cast<int64_t>(a) - b;
+    return difference < INT32_MIN || difference > INT32_MAX ? 0 : static_cast<int32_t>(difference);
+}
+
 // a * b, or 1 when the product does not fit in 32 bits. The sentinel is deliberate: a wild value
 // must not read as a saturated, plausible one.
 constexpr int32_t guardedMultiply(int32_t a, int32_t b) {

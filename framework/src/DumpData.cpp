@@ -13,8 +13,7 @@ constexpr size_t kPathSize = 150;
 
 bool csvEnabled() {
     if (DumpData::mEnableCSV.load(std::memory_order_relaxed) == -1) {
-        DumpData::mEnableCSV.store(property_get_bool(kCsvProperty, false) ? 1 : 0,
-                                   std::memory_order_relaxed);
+        DumpData::mEnableCSV.store(DumpData::csvSwitchOn() ? 1 : 0, std::memory_order_relaxed);
     }
     return DumpData::mEnableCSV.load(std::memory_order_relaxed) == 1;
 }
@@ -52,4 +51,13 @@ void DumpData::Marker(const char* text, int value, const char* name) {
         return;
     fprintf(f, "%s, launchDuration = %d\n", text, value);
     fclose(f);
+}
+
+bool DumpData::csvSwitchOn() {
+    return property_get_bool(kCsvProperty, false) != 0;
+}
+
+bool DumpData::openForAppend(std::ofstream& out, const std::string& path) {
+    out.open(seams::resolvePath(path), std::ios::out | std::ios::app);
+    return out.is_open();
 }

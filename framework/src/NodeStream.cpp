@@ -13,17 +13,23 @@ namespace meters {
 namespace {
 
 // The stream reads the node with pread at an offset of its own: a rewind only moves that offset,
-// and each reading costs one pread of the text the kernel builds afresh at offset 0.
+// and each reading costs one pread of the text the kernel builds afresh at offset 0. A kernel
+// node hands over all the text it has in one read, so a short read ends the reading: stdio's
+// next request is answered without asking the kernel again.
 struct Cursor {
     int fd;
     off64_t offset;
+    bool ended;
 };
 
 ssize_t cursorRead(void* cookie, char* buf, size_t size) {
     auto* cursor = static_cast<Cursor*>(cookie);
+    if (cursor->ended)
+        return 0;
     ssize_t n = pread(cursor->fd, buf, size, cursor->offset);
     if (n > 0)
         cursor->offset += n;
+    cursor->ended = n >= 0 && static_cast<size_t>(n) < size;
     return n;
 }
 
@@ -36,6 +42,7 @@ int cursorSeek(void* cookie, off64_t* offset, int whence) {
         return -1;
     }
     cursor->offset = *offset = base + *offset;
+    cursor->ended = false;
     return 0;
 }
 
@@ -52,7 +59,7 @@ NodeFile::NodeFile(const std::string& path) {
     int fd = ::open(seams::resolvePath(path).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return;
-    auto* cursor = new (std::nothrow) Cursor{fd, 0};
+    auto* cursor = new (std::nothrow) Cursor{fd, 0, false};
     if (cursor != nullptr)
         mFile = fopencookie(cursor, "r", {cursorRead, nullptr, cursorSeek, cursorClose});
     if (mFile == nullptr) {

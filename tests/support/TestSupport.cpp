@@ -162,6 +162,15 @@ std::string testData(const std::string& name) {
     return slurp(std::string(METERS_TEST_DATA) + "/" + name);
 }
 
+std::string statusText(int rssAnonKb, int swapKb) {
+    std::string text = testData("status");
+    for (auto [key, kb] : {std::pair("RssAnon:", rssAnonKb), std::pair("VmSwap:", swapKb)}) {
+        size_t at = text.find(key) + strlen(key);
+        text.replace(at, text.find(" kB", at) - at, "\t" + std::to_string(kb));
+    }
+    return text;
+}
+
 ChildProcess::ChildProcess(const std::string& name) {
     const char* argv[] = {name.c_str(), "30", nullptr};
     pid_t pid = 0;

@@ -85,6 +85,8 @@ bool nothrowNewCanFail();
 
 // A file of tests/data: node texts as the kernel writes them.
 std::string testData(const std::string& name);
+// A real process's status text (tests/data/status) with its RssAnon and VmSwap values replaced.
+std::string statusText(int rssAnonKb, int swapKb);
 
 // Unsets a property (an empty value reads as unset).
 inline void clearProperty(const char* name) {
