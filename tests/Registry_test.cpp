@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "LaunchMeter.h"
 #include "MemoryMeter.h"
 #include "ProCompMeter.h"
 #include "TestSupport.h"
@@ -24,7 +25,8 @@ TEST(MeterRegistry, EachNameBuildsItsOwnClassFromTheInfo) {
     const std::pair<const char*, bool (*)(Meter&)> cases[] = {
         {"VmRss", [](Meter& m) { return dynamic_cast<VmRssMeter&>(m).mNumSamples == 6; }},
         {"Memory", [](Meter& m) { return dynamic_cast<MemoryMeter&>(m).mTotalSamples == 6; }},
-        {"ProComp", [](Meter& m) { return dynamic_cast<ProCompMeter*>(&m) != nullptr; }}};
+        {"ProComp", [](Meter& m) { return dynamic_cast<ProCompMeter*>(&m) != nullptr; }},
+        {"Launch", [](Meter& m) { return dynamic_cast<LaunchMeter&>(m).mTotalSamples == 2000; }}};
     for (auto [name, isItsClass] : cases) {
         std::unique_ptr<Meter> meter(Reg::classList->at(name)(info));
         ASSERT_NE(meter, nullptr) << name;
