@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <iomanip>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -17,6 +15,7 @@
 #include "DumpData.h"
 #include "MemoryMeter.h"
 #include "NodeStream.h"
+#include "RatioReporter.h"
 #include "StatsProvider.h"
 #include "VmRssMeter.h"
 
@@ -110,54 +109,11 @@ void BM_MemoryFieldOfAHugeCount(benchmark::State& state) {
 }
 BENCHMARK(BM_MemoryFieldOfAHugeCount)->Iterations(5)->Unit(benchmark::kMicrosecond);
 
-// Reports as the console does, then each per-sample read's median time over the raw read's.
-class RatioReporter : public benchmark::ConsoleReporter {
-  public:
-    using ConsoleReporter::ConsoleReporter;
-
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && !run.error_occurred)
-                mTimes[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        printRatio("NodeFile/raw", "BM_NodeFileVmRssSample", 1.3);
-        printRatio("getPIDStats/raw", "BM_GetPIDStatsSelf", 1.5);
-    }
-
-  private:
-    double median(const std::string& name) {
-        std::vector<double>& t = mTimes[name];
-        if (t.empty())
-            return 0;
-        std::nth_element(t.begin(), t.begin() + t.size() / 2, t.end());
-        return t[t.size() / 2];
-    }
-
-    void printRatio(const char* label, const std::string& name, double target) {
-        double raw = median("BM_RawPreadStatus"), time = median(name);
-        if (raw > 0 && time > 0)
-            GetOutputStream() << "ratio " << label << " = " << std::fixed << std::setprecision(2)
-                              << time / raw << " (target <= " << target << ")\n";
-    }
-
-    std::map<std::string, std::vector<double>> mTimes;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    unsetenv("METERS_ROOT");  // the real /proc, whatever the caller's environment
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    RatioReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Color
-                                                 : benchmark::ConsoleReporter::OO_None);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return bench::runWithRatios(
+        argc, argv,
+        {{"NodeFile/raw", "BM_NodeFileVmRssSample", "BM_RawPreadStatus", 1.3},
+         {"getPIDStats/raw", "BM_GetPIDStatsSelf", "BM_RawPreadStatus", 1.5}});
 }
