@@ -31,10 +31,6 @@ constexpr char kTotalSamplesDefault[] = "0";
 // Events: end of activity ({hint::kNone, hint::kTypeEnd}) stops the run and is not kept;
 // hint::kLaunchComplete ends it at the next poll.
 
-// Line numbers of our own, for a handler no device tooling knows.
-constexpr int kFieldLeftOutLine = 126;
-constexpr int kFieldLeftOutOtherLine = 128;
-
 constexpr char kRssSwap[] = "rss_swap";
 constexpr char kIonTesk[] = "ion_tesk";
 // Both recognised names have this length; no other name is compared.
@@ -124,7 +120,7 @@ MemoryMeter::MemoryMeter(MeterInfo info) : Meter(info) {
                 field.release();
             }
         }
-        METER_CATCH_CAUGHT_IN(kComponent, "MemoryMeter", kFieldLeftOutLine, kFieldLeftOutOtherLine)
+        METER_CATCH_CAUGHT_IN(kComponent, "MemoryMeter", __LINE__, __LINE__)
     }
 }
 

@@ -60,6 +60,12 @@ class FixtureRoot {
     std::optional<std::string> mPreviousRoot;
 };
 
+// The actual log lines with the line number masked as "N" wherever the expected line has
+// "() N:": where the design leaves the number open, a line carries its source line, which moves
+// with every edit. Fixed numbers are compared as they are.
+std::vector<std::string> maskedLike(std::vector<std::string> actual,
+                                    const std::vector<std::string>& expected);
+
 // Replaces the sleep seam while alive: each sleep calls onSleep(index, us) instead of sleeping.
 class ScriptedSleep {
   public:
