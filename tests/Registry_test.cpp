@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "FpsMeter.h"
+#include "GpuMeter.h"
 #include "LaunchMeter.h"
 #include "MemoryMeter.h"
 #include "ProCompMeter.h"
@@ -19,14 +21,17 @@ TEST(MeterRegistry, TheFirstFactoryRegisteredUnderANameIsKept) {
 
 TEST(MeterRegistry, EachNameBuildsItsOwnClassFromTheInfo) {
     // Memory takes its bound from configs, VmRss from numSamples.
-    const MeterInfo info{"", {}, {}, {{"TotalSamplesToRun", "6"}}, 6};
+    const MeterInfo info{
+        "", {}, {}, {{"TotalSamplesToRun", "6"}, {"FPS_NODE", "/fps"}, {"GPU_MAX_CLK", "/clk"}}, 6};
     // {name, whether the meter is of the name's class and took its sample bound from info}; a
     // meter of another class fails the cast.
     const std::pair<const char*, bool (*)(Meter&)> cases[] = {
         {"VmRss", [](Meter& m) { return dynamic_cast<VmRssMeter&>(m).mNumSamples == 6; }},
         {"Memory", [](Meter& m) { return dynamic_cast<MemoryMeter&>(m).mTotalSamples == 6; }},
         {"ProComp", [](Meter& m) { return dynamic_cast<ProCompMeter*>(&m) != nullptr; }},
-        {"Launch", [](Meter& m) { return dynamic_cast<LaunchMeter&>(m).mTotalSamples == 2000; }}};
+        {"Launch", [](Meter& m) { return dynamic_cast<LaunchMeter&>(m).mTotalSamples == 2000; }},
+        {"Fps", [](Meter& m) { return dynamic_cast<FpsMeter&>(m).mFpsNodePath == "/fps"; }},
+        {"Gpu", [](Meter& m) { return dynamic_cast<GpuMeter&>(m).mMaxClkPath == "/clk"; }}};
     for (auto [name, isItsClass] : cases) {
         std::unique_ptr<Meter> meter(Reg::classList->at(name)(info));
         ASSERT_NE(meter, nullptr) << name;
