@@ -56,4 +56,7 @@ bool rewindNode(std::ifstream& stream);
 // the node cannot be opened. Write failures after that are not reported, as for any sysfs store.
 bool writeNode(const std::string& path, int value);
 
+// A raw read-only descriptor, for a meter that opens and closes per reading and keeps the number.
+int openNodeFd(const std::string& path);
+
 }  // namespace meters

@@ -120,4 +120,8 @@ bool writeNode(const std::string& path, int value) {
     return true;
 }
 
+int openNodeFd(const std::string& path) {
+    return ::open(seams::resolvePath(path).c_str(), O_RDONLY | O_CLOEXEC);
+}
+
 }  // namespace meters
