@@ -7,7 +7,10 @@
 #include "GpuMeter.h"
 #include "LaunchMeter.h"
 #include "MemoryMeter.h"
+#include "MinDDRMeter.h"
+#include "PerfCountersMeter.h"
 #include "ProCompMeter.h"
+#include "SchedParamsMeter.h"
 #include "TestSupport.h"
 #include "VmRssMeter.h"
 
@@ -31,7 +34,10 @@ TEST(MeterRegistry, EachNameBuildsItsOwnClassFromTheInfo) {
         {"ProComp", [](Meter& m) { return dynamic_cast<ProCompMeter*>(&m) != nullptr; }},
         {"Launch", [](Meter& m) { return dynamic_cast<LaunchMeter&>(m).mTotalSamples == 2000; }},
         {"Fps", [](Meter& m) { return dynamic_cast<FpsMeter&>(m).mFpsNodePath == "/fps"; }},
-        {"Gpu", [](Meter& m) { return dynamic_cast<GpuMeter&>(m).mMaxClkPath == "/clk"; }}};
+        {"Gpu", [](Meter& m) { return dynamic_cast<GpuMeter&>(m).mMaxClkPath == "/clk"; }},
+        {"SchedParams", [](Meter& m) { return dynamic_cast<SchedParamsMeter*>(&m) != nullptr; }},
+        {"PerfCounters", [](Meter& m) { return dynamic_cast<PerfCountersMeter*>(&m) != nullptr; }},
+        {"MinDDR", [](Meter& m) { return dynamic_cast<MinDDRMeter&>(m).mWorker != nullptr; }}};
     for (auto [name, isItsClass] : cases) {
         std::unique_ptr<Meter> meter(Reg::classList->at(name)(info));
         ASSERT_NE(meter, nullptr) << name;
