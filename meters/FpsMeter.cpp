@@ -86,23 +86,7 @@ void FpsMeter::start() {
 }
 
 void FpsMeter::asyncTriggerUpdate(const AsyncTriggerPayload& payload) {
-    if ((payload.hintId == hint::kActivityStop || payload.hintId == hint::kActivityPause) &&
-        payload.hintType == hint::kTypeEnd) {
-        stopRequested.store(true);
-        return;
-    }
-    if (payload.hintId == hint::kActivityResume && payload.hintType == hint::kTypeEnd) {
-        stopRequested.store(false);
-        return;
-    }
-    if (stopRequested.load())
-        stopRequested.store(false);
-    // Appended without the base's lock: the host does not deliver while it copies the list.
-    // No log line belongs to a failed append; the event is dropped.
-    try {
-        asyncUpdates.push_back(payload);
-    } catch (...) {
-    }
+    hint::applyReaderEvent(payload, stopRequested, asyncUpdates);
 }
 
 void FpsMeter::setFpsPeriodicity(int periodMs) {

@@ -111,23 +111,7 @@ void GpuMeter::start() {
 }
 
 void GpuMeter::asyncTriggerUpdate(const AsyncTriggerPayload& payload) {
-    if ((payload.hintId == hint::kActivityStop || payload.hintId == hint::kActivityPause) &&
-        payload.hintType == hint::kTypeEnd) {
-        stopRequested.store(true);
-        return;
-    }
-    if (payload.hintId == hint::kActivityResume && payload.hintType == hint::kTypeEnd) {
-        stopRequested.store(false);
-        return;
-    }
-    if (stopRequested.load())
-        stopRequested.store(false);
-    // Appended without the base's lock: the host does not deliver while it copies the list.
-    // No log line belongs to a failed append; the event is dropped.
-    try {
-        asyncUpdates.push_back(payload);
-    } catch (...) {
-    }
+    hint::applyReaderEvent(payload, stopRequested, asyncUpdates);
 }
 
 // Each reader rewinds its node once it has used a line, so that the next reading sees the

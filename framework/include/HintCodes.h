@@ -2,7 +2,9 @@
 // Each meter decides what an event means to it; the names say nothing about that.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <vector>
 
 #include "Meter.h"
 
@@ -23,6 +25,26 @@ constexpr int32_t kTypeEnd = -1;
 // {kNone, kTypeEnd}: the activity being measured has ended.
 inline bool isEndOfActivity(const AsyncTriggerPayload& p) {
     return p.hintId == kNone && p.hintType == kTypeEnd;
+}
+
+// The display readers' rule: a stop or pause with kTypeEnd raises the stop flag and a resume
+// with kTypeEnd lowers it, neither kept; any other event lowers it and is queued in pending,
+// without the base's lock (the host does not deliver while it copies the list). An event that
+// cannot be appended is dropped: no log line belongs to that.
+inline void applyReaderEvent(const AsyncTriggerPayload& p, std::atomic<bool>& stopRequested,
+                             std::vector<AsyncTriggerPayload>& pending) {
+    if ((p.hintId == kActivityStop || p.hintId == kActivityPause) && p.hintType == kTypeEnd) {
+        stopRequested = true;
+    } else if (p.hintId == kActivityResume && p.hintType == kTypeEnd) {
+        stopRequested = false;
+    } else {
+        if (stopRequested)
+            stopRequested = false;
+        try {
+            pending.push_back(p);
+        } catch (...) {
+        }
+    }
 }
 
 }  // namespace hint
