@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "Commands.h"
+#include "CliRunner.h"
 #include "MinDDRMeter.h"
 #include "TestSupport.h"
 
@@ -13,18 +13,7 @@ using nlohmann::json;
 
 namespace {
 
-struct Result {
-    int code;
-    std::string out;
-    std::string err;
-};
-
-Result cli(const std::vector<std::string>& args) {
-    std::ostringstream out, err;
-    meterctl::Output io{out, err};
-    const int code = meterctl::runCli(args, io);
-    return {code, out.str(), err.str()};
-}
+using Result = CliResult;
 
 std::vector<json> jsonLines(const std::string& text) {
     std::vector<json> lines;

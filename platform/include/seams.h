@@ -8,6 +8,10 @@
 #include <functional>
 #include <string>
 
+#ifndef __ANDROID__
+struct __android_log_message;  // <android/log.h>
+#endif
+
 namespace seams {
 
 // Every absolute path a meter opens goes through here. On Linux, when METERS_ROOT is set, an
@@ -26,6 +30,9 @@ using SleepHook = std::function<void(uint32_t us)>;
 using ClockHook = std::function<std::chrono::steady_clock::time_point()>;
 void setSleepHook(SleepHook hook);
 void setClockHook(ClockHook hook);
+// A log message in the logcat form the stand-in's stderr logger writes, without a newline, so
+// that a logger set in its place can write the same lines elsewhere.
+std::string logcatLine(const struct __android_log_message& msg);
 #endif
 
 }  // namespace seams

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <string>
 
+#include "seams.h"
+
 namespace {
 
 constexpr size_t kLogBufSize = 1024;
@@ -46,6 +48,21 @@ std::string narrowWideConversions(const char* fmt) {
 
 }  // namespace
 
+std::string seams::logcatLine(const struct __android_log_message& msg) {
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    struct tm tm;
+    localtime_r(&tv.tv_sec, &tm);
+    char stamp[32];
+    strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &tm);
+    char head[96];
+    snprintf(head, sizeof(head), "%s.%03d %5d %5d %c ", stamp, static_cast<int>(tv.tv_usec / 1000),
+             static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)),
+             priorityLetter(msg.priority));
+    return std::string(head) + (msg.tag != nullptr ? msg.tag : "") + ": " +
+           (msg.message != nullptr ? msg.message : "");
+}
+
 extern "C" {
 
 void __android_log_set_logger(__android_logger_function logger) {
@@ -53,16 +70,7 @@ void __android_log_set_logger(__android_logger_function logger) {
 }
 
 void __android_log_stderr_logger(const struct __android_log_message* msg) {
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    struct tm tm;
-    localtime_r(&tv.tv_sec, &tm);
-    char stamp[32];
-    strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &tm);
-    fprintf(stderr, "%s.%03d %5d %5d %c %s: %s\n", stamp, static_cast<int>(tv.tv_usec / 1000),
-            static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)),
-            priorityLetter(msg->priority), msg->tag != nullptr ? msg->tag : "",
-            msg->message != nullptr ? msg->message : "");
+    fprintf(stderr, "%s\n", seams::logcatLine(*msg).c_str());
 }
 
 void __android_log_logd_logger(const struct __android_log_message* msg) {

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <iostream>
 
 #include "Commands.h"
 
@@ -14,6 +15,7 @@ int runCli(const std::vector<std::string>& args, Output& io) {
     addRunCommand(app, io);
     addAnalyzeCommand(app, io);
     addDoctorCommand(app, io);
+    addDemoCommand(app, io);
     std::vector<std::string> reversed(args.rbegin(), args.rend());  // CLI11 takes them so
     try {
         app.parse(reversed);
@@ -24,3 +26,9 @@ int runCli(const std::vector<std::string>& args, Output& io) {
 }
 
 }  // namespace meterctl
+
+// main's way in: it finds this by name once libmeters.so is loaded.
+extern "C" __attribute__((visibility("default"))) int meterctl_main(int argc, char** argv) {
+    meterctl::Output io{std::cout, std::cerr};
+    return meterctl::runCli(std::vector<std::string>(argv + 1, argv + argc), io);
+}

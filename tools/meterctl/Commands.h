@@ -22,6 +22,7 @@ void addListCommand(CLI::App& app, Output& io);
 void addRunCommand(CLI::App& app, Output& io);
 void addAnalyzeCommand(CLI::App& app, Output& io);
 void addDoctorCommand(CLI::App& app, Output& io);
+void addDemoCommand(CLI::App& app, Output& io);
 
 // Runs meterctl with these arguments (without the program name) as main does; the exit code.
 int runCli(const std::vector<std::string>& args, Output& io);

@@ -2,6 +2,7 @@
 
 #include <cutils/properties.h>
 
+#include <atomic>
 #include <charconv>
 #include <cstdlib>
 #include <fstream>
@@ -276,6 +277,41 @@ InfoFile loadInfoFile(const std::string& path) {
             file.events.push_back(reader.event(events[i], "events[" + std::to_string(i) + "]"));
     }
     return file;
+}
+
+namespace {
+
+std::atomic<bool> gInterrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "written in a signal handler");
+
+extern "C" void onInterrupt(int) {
+    gInterrupted.store(true);
+}
+
+}  // namespace
+
+ScopedInterrupt::ScopedInterrupt() {
+    gInterrupted.store(false);
+    struct sigaction action = {};
+    action.sa_handler = onInterrupt;
+    action.sa_flags = SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, &mPreviousInt);
+    sigaction(SIGTERM, &action, &mPreviousTerm);
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGPIPE, &ignore, &mPreviousPipe);
+}
+
+ScopedInterrupt::~ScopedInterrupt() {
+    sigaction(SIGINT, &mPreviousInt, nullptr);
+    sigaction(SIGTERM, &mPreviousTerm, nullptr);
+    sigaction(SIGPIPE, &mPreviousPipe, nullptr);
+}
+
+bool interrupted() {
+    return gInterrupted.load();
 }
 
 ScopedRoot::ScopedRoot(const std::string& dir) {

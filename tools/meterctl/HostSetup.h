@@ -3,6 +3,7 @@
 // a command makes to this process while it runs.
 #pragma once
 
+#include <signal.h>
 #include <CLI/CLI.hpp>
 
 #include <optional>
@@ -57,6 +58,23 @@ CLI::Validator parsedBy(Parse parse, const std::string& description) {
         },
         description);
 }
+
+// While alive, Ctrl-C (or a polite kill) only raises the flag that interrupted() reads, so a
+// command can stop its meters cleanly; a second one ends the process at once. A write to a pipe
+// whose reader has gone fails instead of raising SIGPIPE.
+class ScopedInterrupt {
+  public:
+    ScopedInterrupt();
+    ~ScopedInterrupt();
+    ScopedInterrupt(const ScopedInterrupt&) = delete;
+    ScopedInterrupt& operator=(const ScopedInterrupt&) = delete;
+
+  private:
+    struct sigaction mPreviousInt = {};
+    struct sigaction mPreviousTerm = {};
+    struct sigaction mPreviousPipe = {};
+};
+bool interrupted();
 
 // Points the meters at a node tree (METERS_ROOT) while alive, when dir is not empty; puts the
 // previous setting back afterwards.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
+#include <cstdio>
 #include <numeric>
 
 #include "FpsMeter.h"
@@ -207,6 +209,15 @@ std::vector<Reading> readMeter(const std::string& name, Meter& meter, bool runni
     if (name == "MinDDR")
         return {{"operating point", double(as<MinDDRMeter>(meter).getOpp()), "kHz"}};
     return {};
+}
+
+std::string formatValue(double value) {
+    char text[48];
+    if (std::nearbyint(value) == value && std::fabs(value) < 1e15)
+        snprintf(text, sizeof(text), "%lld", static_cast<long long>(value));
+    else
+        snprintf(text, sizeof(text), "%.2f", value);
+    return text;
 }
 
 }  // namespace meterctl

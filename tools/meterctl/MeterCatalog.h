@@ -44,6 +44,9 @@ struct Reading {
     std::string unit;
 };
 
+// A reading's value as people read it: whole numbers without decimals, others with two.
+std::string formatValue(double value);
+
 // The meter's results now. A reader meter is read through its getters (each a reading of its
 // nodes). While a sampling meter's start() runs, only what it publishes atomically is read:
 // the rest belongs to the sampling thread until start() returns.

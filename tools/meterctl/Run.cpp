@@ -83,46 +83,6 @@ struct RunOptions {
     bool json = false;
 };
 
-// Ctrl-C (and a polite kill) only raises this flag; the run loops look at it.
-std::atomic<bool> gInterrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "read and written in a signal handler");
-
-extern "C" void onInterrupt(int) {
-    gInterrupted.store(true);
-}
-
-class ScopedInterrupt {
-  public:
-    ScopedInterrupt() {
-        gInterrupted.store(false);
-        struct sigaction action = {};
-        action.sa_handler = onInterrupt;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGINT, &action, &mPreviousInt);
-        sigaction(SIGTERM, &action, &mPreviousTerm);
-    }
-    ~ScopedInterrupt() {
-        sigaction(SIGINT, &mPreviousInt, nullptr);
-        sigaction(SIGTERM, &mPreviousTerm, nullptr);
-    }
-    ScopedInterrupt(const ScopedInterrupt&) = delete;
-    ScopedInterrupt& operator=(const ScopedInterrupt&) = delete;
-
-  private:
-    struct sigaction mPreviousInt = {};
-    struct sigaction mPreviousTerm = {};
-};
-
-std::string formatValue(double value) {
-    std::ostringstream text;
-    if (std::nearbyint(value) == value && std::fabs(value) < 1e15) {
-        text << static_cast<long long>(value);
-    } else {
-        text << std::fixed << std::setprecision(2) << value;
-    }
-    return text.str();
-}
-
 // Readings as a table (a header whenever the columns change) or as JSON lines.
 class ReadingPrinter {
   public:
@@ -235,7 +195,7 @@ void runSampling(Meter& meter, const MeterSpec& spec, const RunOptions& o, Event
         const Clock::time_point now = Clock::now();
         if (nextStop == Clock::time_point::max()) {
             schedule.deliverDue(meter, msSince(t0));
-            if (gInterrupted.load()) {
+            if (interrupted()) {
                 end = "stopped by Ctrl-C";
                 nextStop = now;
             } else if (now >= nextReading) {
@@ -274,13 +234,13 @@ void runReader(Meter& meter, const MeterSpec& spec, const RunOptions& o, EventSc
         if (o.count > 0 && readings >= o.count)
             break;
         const Clock::time_point nextReading = t0 + milliseconds(o.intervalMs) * readings;
-        while (!gInterrupted.load() && Clock::now() < nextReading) {
+        while (!interrupted() && Clock::now() < nextReading) {
             std::this_thread::sleep_until(
                 std::min({nextReading, schedule.nextDue(t0), Clock::now() + kPoll}));
             if (schedule.deliverDue(meter, msSince(t0)) > 0)
                 meter.start();
         }
-        if (gInterrupted.load())
+        if (interrupted())
             break;
     }
     if (spec.stopEvent) {

@@ -1,0 +1,130 @@
+// meterctl demo end to end on a quickened schedule: a real synthetic app on a simulated device,
+// measured by all nine meters, and what the demo writes and says about it.
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <thread>
+
+#include "CliRunner.h"
+#include "SyntheticApp.h"
+#include "TestSupport.h"
+
+using namespace testsupport;
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+namespace {
+
+const char* const kNine[] = {"Launch", "VmRss",       "Memory",       "ProComp", "Fps",
+                             "Gpu",    "SchedParams", "PerfCounters", "MinDDR"};
+
+// A folder that does not exist yet, removed afterwards.
+struct OutDir {
+    explicit OutDir(const std::string& name)
+        : path(fs::path(testing::TempDir()) / (name + "-" + std::to_string(getpid()))) {
+        fs::remove_all(path);
+    }
+    ~OutDir() { fs::remove_all(path); }
+    fs::path path;
+};
+
+std::string readFile(const fs::path& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<std::string> demo(const OutDir& out, const std::string& package) {
+    return {"demo",      "--speed", "5",         "--out",     out.path.string(),
+            "--package", package,   "--app-exe", METERCTL_EXE};
+}
+
+}  // namespace
+
+TEST(MeterctlDemo, MeasuresTheLaunchWithAllNineMetersAndFindsWhereTheAppSettled) {
+    const OutDir out("demo-run");
+    const std::string package = "com.example.demotest";
+    const CliResult run = cli(demo(out, package));
+    ASSERT_EQ(run.code, 0) << run.err << run.out;
+
+    const json summary = json::parse(readFile(out.path / "summary.json"));
+    const json& launch = summary.at("launch");
+    const double endPoint = launch.at("end_point_ms");
+    EXPECT_GE(endPoint, launch.at("settled_from_ms").get<double>()) << summary.dump(2);
+    EXPECT_LE(endPoint, launch.at("settled_to_ms").get<double>()) << summary.dump(2);
+    EXPECT_EQ(launch.at("verdict"), "inside");
+    EXPECT_NE(run.out.find("inside the window in which the app settled"), std::string::npos);
+    ASSERT_EQ(summary.at("app").at("steps").size(), static_cast<size_t>(meterctl::kAppStepCount));
+
+    for (const char* name : kNine) {
+        SCOPED_TRACE(name);
+        EXPECT_FALSE(summary.at("meters").at(name).empty());
+        EXPECT_TRUE(std::regex_search(run.out, std::regex("\n" + std::string(name) + " +\\S")));
+    }
+    // The Launch meter's own figures agree with where the picture and the summary put the end
+    // point: its duration counts from its start(), its end point in 30 ms samples after the hunt.
+    std::map<std::string, double> figures;
+    for (const json& r : summary.at("meters").at("Launch"))
+        figures[r.at("label")] = r.at("value");
+    EXPECT_DOUBLE_EQ(launch.at("sample_offset_ms").get<double>() + figures.at("end point") * 30,
+                     endPoint);
+    EXPECT_LE(figures.at("launch duration"), endPoint);
+
+    const std::string svg = readFile(out.path / "launch.svg");
+    std::smatch mark;
+    ASSERT_TRUE(std::regex_search(svg, mark, std::regex("id=\"end-point\" data-ms=\"([0-9.]+)\"")));
+    EXPECT_NEAR(std::stod(mark[1]), endPoint, 0.05);
+    for (const char* series : {"vmrss", "oom", "fd"})
+        EXPECT_NE(svg.find("id=\"" + std::string(series) + "\""), std::string::npos) << series;
+
+    // The meters' own CSV files come out of the simulated device; the launch block names the app.
+    EXPECT_NE(readFile(out.path / (package + ".csv")).find("FD, OOM, VMRSS"), std::string::npos);
+    EXPECT_EQ(readFile(out.path / (package + "_vmrss.csv")).rfind(package + ",", 0), 0u);
+    EXPECT_TRUE(meterctl::processesNamed(package).empty());
+}
+
+TEST(MeterctlDemo, RejectsWhatItCannotRunWithAReason) {
+    const OutDir busy("demo-busy");
+    fs::create_directories(busy.path);
+    std::ofstream(busy.path / "keep") << "x";
+    const OutDir unused("demo-unused");
+    const struct {
+        std::vector<std::string> args;
+        const char* says;
+    } cases[] = {
+        {{"demo", "--speed", "0"}, "--speed"},
+        {{"demo", "--package", "com example"}, "may hold only letters"},
+        {{"demo", "--package", ".hidden"}, "must not begin"},
+        {{"demo", "--out", busy.path.string()}, "the folder is not empty"},
+        {{"demo", "--out", unused.path.string(), "--app-exe", "/nonexistent/meterctl"},
+         "cannot run the synthetic app"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args.back());
+        const CliResult r = cli(c.args);
+        EXPECT_NE(r.code, 0);
+        EXPECT_NE((r.err + r.out).find(c.says), std::string::npos) << r.err << r.out;
+    }
+    EXPECT_FALSE(fs::exists(unused.path));
+}
+
+TEST(MeterctlDemo, CtrlCStopsTheMetersEndsTheAppAndLeavesNothingBehind) {
+    const OutDir out("demo-interrupted");
+    const std::string package = "com.example.demostop";
+    struct sigaction before = {}, during = {};
+    sigaction(SIGINT, nullptr, &before);
+    CliResult run;
+    std::thread demoThread([&] { run = cli(demo(out, package)); });
+    do {  // Ctrl-C once the demo listens for it and its app runs
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        sigaction(SIGINT, nullptr, &during);
+    } while (during.sa_handler == before.sa_handler || meterctl::processesNamed(package).empty());
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    raise(SIGINT);
+    demoThread.join();
+    EXPECT_EQ(run.code, 130) << run.err;
+    EXPECT_NE(run.err.find("interrupted"), std::string::npos) << run.err;
+    EXPECT_FALSE(fs::exists(out.path));
+    EXPECT_TRUE(meterctl::processesNamed(package).empty());
+}
