@@ -1,5 +1,6 @@
 // meterctl demo end to end on a quickened schedule: a real synthetic app on a simulated device,
 // measured by all nine meters, and what the demo writes and says about it.
+#include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +9,8 @@
 #include <thread>
 
 #include "CliRunner.h"
+#include "Demo.h"
+#include "SimDevice.h"
 #include "SyntheticApp.h"
 #include "TestSupport.h"
 
@@ -62,14 +65,49 @@ TEST(MeterctlDemo, MeasuresTheLaunchWithAllNineMetersAndFindsWhereTheAppSettled)
         EXPECT_FALSE(summary.at("meters").at(name).empty());
         EXPECT_TRUE(std::regex_search(run.out, std::regex("\n" + std::string(name) + " +\\S")));
     }
+    // Every meter measured something, and the readers read what the device's nodes held at the
+    // end (its idle state does not move): a meter pointed at the wrong node gives 0 or -1.
+    auto reading = [&](const char* meter, const std::string& label) {
+        for (const json& r : summary.at("meters").at(meter)) {
+            if (r.at("label") == label)
+                return r.at("value").get<double>();
+        }
+        ADD_FAILURE() << meter << " has no reading " << label;
+        return -1.0;
+    };
+    const meterctl::sim::DeviceState idle =
+        meterctl::sim::deviceStateAt(summary.at("readers_final_ms").get<double>());
+    const struct {
+        const char* meter;
+        const char* label;
+        double expected;  // NAN: any positive value
+    } figures[] = {
+        {"Fps", "frames", static_cast<double>(idle.frames)},
+        {"SchedParams", "cluster 0 capacity", static_cast<double>(idle.clusterCapacity[0])},
+        {"SchedParams", "cluster 2 load", static_cast<double>(idle.clusterLoad[2])},
+        {"PerfCounters", "instructions",
+         static_cast<double>(idle.bigInstructions + idle.littleInstructions)},
+        {"Gpu", "busy", NAN},
+        {"MinDDR", "operating point", NAN},
+        {"Launch", "launch duration", NAN},
+        {"VmRss", "launch end point", NAN},
+        {"Memory", "rss_swap at the end point", NAN},
+        {"ProComp", "peak", NAN},
+    };
+    for (const auto& f : figures) {
+        SCOPED_TRACE(std::string(f.meter) + " " + f.label);
+        if (std::isnan(f.expected))
+            EXPECT_GT(reading(f.meter, f.label), 0);
+        else
+            EXPECT_EQ(reading(f.meter, f.label), f.expected);
+    }
+
     // The Launch meter's own figures agree with where the picture and the summary put the end
     // point: its duration counts from its start(), its end point in 30 ms samples after the hunt.
-    std::map<std::string, double> figures;
-    for (const json& r : summary.at("meters").at("Launch"))
-        figures[r.at("label")] = r.at("value");
-    EXPECT_DOUBLE_EQ(launch.at("sample_offset_ms").get<double>() + figures.at("end point") * 30,
-                     endPoint);
-    EXPECT_LE(figures.at("launch duration"), endPoint);
+    EXPECT_DOUBLE_EQ(
+        launch.at("sample_offset_ms").get<double>() + reading("Launch", "end point") * 30,
+        endPoint);
+    EXPECT_LE(reading("Launch", "launch duration"), endPoint);
 
     const std::string svg = readFile(out.path / "launch.svg");
     std::smatch mark;
@@ -127,4 +165,26 @@ TEST(MeterctlDemo, CtrlCStopsTheMetersEndsTheAppAndLeavesNothingBehind) {
     EXPECT_NE(run.err.find("interrupted"), std::string::npos) << run.err;
     EXPECT_FALSE(fs::exists(out.path));
     EXPECT_TRUE(meterctl::processesNamed(package).empty());
+}
+
+// On a terminal the status line is redrawn in place and events are printed above it; elsewhere
+// only the events appear, one plain line each.
+TEST(MeterctlDemo, ProgressRedrawsOnATerminalAndPrintsPlainLinesElsewhere) {
+    for (const bool terminal : {false, true}) {
+        SCOPED_TRACE(terminal);
+        std::ostringstream out;
+        meterctl::Progress progress(out, terminal, 15000);
+        progress.status(1000, "Launch running");
+        progress.event(1250, "app settled");
+        progress.status(2000, "Launch done");
+        progress.finish();
+        if (terminal) {
+            EXPECT_EQ(out.str(),
+                      "\r\x1b[K[  1.0/15.0 s] Launch running"
+                      "\r\x1b[K   1.25 s  app settled\n\r\x1b[K[  1.0/15.0 s] Launch running"
+                      "\r\x1b[K[  2.0/15.0 s] Launch done\r\x1b[K");
+        } else {
+            EXPECT_EQ(out.str(), "   1.25 s  app settled\n");
+        }
+    }
 }
