@@ -118,6 +118,9 @@ TEST(MemoryMeterRun, RunsOfFortySamples) {
 // and exits with the number of fields kept: the results of 300000000 samples do not fit, nor the
 // array of INT_MAX.
 TEST(MemoryMeterDeathTest, FieldsWhoseResultsCannotBeAllocatedAreLeftOutWithALine) {
+#ifdef METERS_UNDER_EMULATOR
+    GTEST_SKIP() << "an address-space limit binds the emulator's own mappings, not the meter's";
+#endif
     long pages = 0;  // all the process maps: under a sanitizer, terabytes of shadow memory
     std::ifstream("/proc/self/statm") >> pages;
     if (pages * sysconf(_SC_PAGESIZE) > (1l << 30))
