@@ -56,8 +56,8 @@ FpsMeter::FpsMeter(MeterInfo info)
           meters::configValue(info, kPeriodicityNodeKey, kPeriodicityNodeDefault)) {
     char value[PROPERTY_VALUE_MAX];
     property_get(kTraceProperty, value, nullptr);
-    if (value[0] == '1')
-        fpsTraceLevel.store(atoi(value), std::memory_order_relaxed);
+    if (value[0] == '1')  // the level is the property's atoi value, whatever follows the '1'
+        fpsTraceLevel.store(atoi(value), std::memory_order_relaxed);  // NOLINT(cert-err34-c)
 }
 
 FpsMeter::FpsMeter(std::string& name)
@@ -80,8 +80,9 @@ void FpsMeter::start() {
     setFpsPeriodicity(kMeasuringPeriodMs);
     if (!meters::openNode(mFpsStream, mFpsNodePath)) {
         const int error = errno;
+        // strerror keeps its text per thread in bionic and in glibc (since 2.32).
         METER_LOGE(kComponent, "start", 82, "Failed to open fps file %s State %s",
-                   mFpsNodePath.c_str(), strerror(error));
+                   mFpsNodePath.c_str(), strerror(error));  // NOLINT(concurrency-mt-unsafe)
     }
 }
 
@@ -125,8 +126,8 @@ float FpsMeter::getFps() {
     const bool ok = getNodeData();
     if (fpsTraceLevel.load(std::memory_order_relaxed) != 0) {
         char text[kTraceTextSize];
-        snprintf(text, sizeof(text), "measured fps scaled %f",
-                 static_cast<double>(static_cast<float>(mScaledFps.load()) / 100.0F));
+        (void)snprintf(text, sizeof(text), "measured fps scaled %f",
+                       static_cast<double>(static_cast<float>(mScaledFps.load()) / 100.0F));
         diag::traceMarker(text);
     }
     return ok ? static_cast<float>(mScaledFps.load()) / 100.0F : 0.0F;

@@ -96,8 +96,9 @@ void GpuMeter::start() {
             if (node.stream.is_open() || meters::openNode(node.stream, node.path))
                 continue;
             const int error = errno;
+            // strerror keeps its text per thread in bionic and in glibc (since 2.32).
             METER_LOGE(kComponent, "start", node.line, "Failed to open gpu file %s Error %s",
-                       node.path.c_str(), strerror(error));
+                       node.path.c_str(), strerror(error));  // NOLINT(concurrency-mt-unsafe)
         }
         return;
     }
@@ -163,6 +164,7 @@ int GpuMeter::getGpuMaxFreq() {
     }
     std::string line;
     meters::readNodeLine(mMaxClkStream, line);
+    // NOLINTNEXTLINE(cert-err34-c): an empty or garbled reading is a maximum of 0, not an error.
     const int maxFreq = atoi(line.c_str());
     meters::rewindNode(mMaxClkStream);
     return maxFreq;

@@ -1,6 +1,7 @@
 #include "LLFeaturesList.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <fstream>
 
@@ -30,6 +31,11 @@ float fromBits(uint32_t bits) {
     return f;
 }
 
+// The launch meter's percentage difference of two samples, which it takes as floats.
+float diffPercentage(int a, int b) {
+    return LaunchMeter::calcDiffPercentage(static_cast<float>(a), static_cast<float>(b));
+}
+
 void append(std::vector<int32_t>& series, int v) {
     if (series.size() < kSeriesCap)
         series.push_back(v);
@@ -37,7 +43,7 @@ void append(std::vector<int32_t>& series, int v) {
 
 // Successive passes' end points of one series: a run of agreeing pairs and its largest value.
 void followPair(int cur, int next, int& run, int& candidate) {
-    if (LaunchMeter::calcDiffPercentage(cur, next) < kStablePairPct) {
+    if (diffPercentage(cur, next) < kStablePairPct) {
         ++run;
         candidate = std::max(candidate, next);
     } else {
@@ -156,7 +162,8 @@ void LLFeaturesList::topFrequentElem(std::unordered_map<int, int>& freq, std::ve
         for (const auto& entry : freq)
             counts.push_back(entry.second);
         const size_t kept = std::min(counts.size(), kTopCount);
-        std::partial_sort(counts.begin(), counts.begin() + kept, counts.end(), std::greater<int>());
+        const auto keptEnd = counts.begin() + static_cast<std::ptrdiff_t>(kept);  // kept <= 12
+        std::partial_sort(counts.begin(), keptEnd, counts.end(), std::greater<int>());
         for (size_t c = 0; c < kept && top.size() < kTopCount; ++c) {
             if (static_cast<float>(counts[c]) / static_cast<float>(counts[0]) < kTopShare &&
                 mIsGame == 0) {
@@ -183,7 +190,7 @@ int LLFeaturesList::getYoungest(std::vector<int> top, std::vector<float>& ages,
         int prev = 0;
         for (int v : top) {
             // A 0 starts the chain afresh.
-            const float step = prev == 0 ? 0.0F : LaunchMeter::calcDiffPercentage(v, prev);
+            const float step = prev == 0 ? 0.0F : diffPercentage(v, prev);
             clustered = clustered && !(step > kClusterStepPct);
             prev = v;
         }
@@ -224,7 +231,7 @@ int LLFeaturesList::calculateEndp(int value, std::vector<int>& series, int thres
     int run = 0;
     int candidate = 0;
     for (int i = 0; i < static_cast<int>(series.size()); ++i) {
-        if (LaunchMeter::calcDiffPercentage(series[i], value) < thresholdPct && i > start) {
+        if (diffPercentage(series[i], value) < static_cast<float>(thresholdPct) && i > start) {
             if (run == 0)
                 candidate = i;
             if (++run >= window)

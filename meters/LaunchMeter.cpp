@@ -40,8 +40,9 @@ constexpr int kPathSize = 128;
 constexpr int kOomBufferSize = 150;
 
 double msSince(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(seams::steadyNow() - t0).count() /
-           1e6;
+    const auto elapsed =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(seams::steadyNow() - t0);
+    return static_cast<double>(elapsed.count()) / 1e6;
 }
 
 }  // namespace
@@ -180,9 +181,9 @@ void LaunchMeter::start() {
         const double huntMs = msSince(t0);
 
         char path[kPathSize];
-        snprintf(path, sizeof(path), "/proc/%d/status", pid);
+        (void)snprintf(path, sizeof(path), "/proc/%d/status", pid);  // both fit any int
         meters::NodeFile status(path);
-        snprintf(path, sizeof(path), "/proc/%d/oom_score", pid);
+        (void)snprintf(path, sizeof(path), "/proc/%d/oom_score", pid);
         meters::NodeFile oomScore(path);
 
         int rounds;

@@ -62,7 +62,7 @@ MemoryField::MemoryField(std::string name, int numSamples)
         mMemoryValues.reset(new (std::nothrow) int64_t[numSamples]);
     if (mMemoryValues == nullptr)
         METER_LOGE(kFieldComponent, "MemoryField", 27, "Failed mMemoryValues");
-    reset();
+    MemoryField::reset();  // a constructor reaches its own class's version only, so say so
 }
 
 MemoryField::~MemoryField() = default;
@@ -108,6 +108,7 @@ void MemoryField::updateStats(int sample) {
 }
 
 MemoryMeter::MemoryMeter(MeterInfo info) : Meter(info) {
+    // NOLINTNEXTLINE(cert-err34-c): the key's value is taken as atoi reads it (see the top).
     mTotalSamples = atoi(meters::configValue(info, kTotalSamplesKey, kTotalSamplesDefault).c_str());
     for (const std::string& name : info.fieldNames) {
         if (name != kIonTesk && name != kRssSwap)
@@ -117,7 +118,7 @@ MemoryMeter::MemoryMeter(MeterInfo info) : Meter(info) {
             std::unique_ptr<Field> field(new (std::nothrow) MemoryField(name, mTotalSamples));
             if (field != nullptr) {
                 mFields.push_back(field.get());
-                field.release();
+                (void)field.release();  // only once mFields holds it: push_back may throw
             }
         }
         METER_CATCH_CAUGHT_IN(kComponent, "MemoryMeter", __LINE__, __LINE__)

@@ -97,7 +97,7 @@ int PerfCountersMeter::getNodeData() {
     for (int64_t* field : {&mCounterField1, &mCounterField2, &mCounterField3, &mCounterField4}) {
         if (token == nullptr)
             break;
-        *field = atol(token);
+        *field = atol(token);  // NOLINT(cert-err34-c): a field that is no number reads 0
         token = strtok_r(nullptr, ":", &rest);
     }
     return static_cast<int>(bytes);

@@ -184,7 +184,7 @@ int SchedParamsMeter::readCluster(std::ifstream& stream, std::string& path, int*
         char* rest = nullptr;
         for (char* token = strtok_r(line.data(), " ", &rest);
              token != nullptr && stored < kClusters; token = strtok_r(nullptr, " ", &rest)) {
-            values[stored++] = atoi(token);
+            values[stored++] = atoi(token);  // NOLINT(cert-err34-c): garbage reads 0
         }
         meters::rewindNode(stream);
         return stored;

@@ -58,6 +58,7 @@ VmRssMeter::VmRssMeter(MeterInfo info) : Meter(info), mNumSamples(info.numSample
     Init();
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the host's signature; the list is unused.
 VmRssMeter::VmRssMeter(std::string name, int numSamples, std::list<std::string> /*list*/)
     : Meter(name), mNumSamples(numSamples) {
     Init();
@@ -124,7 +125,7 @@ void VmRssMeter::start() {
     }
 
     char path[kStatusPathSize];
-    snprintf(path, sizeof(path), "/proc/%d/status", pid);
+    (void)snprintf(path, sizeof(path), "/proc/%d/status", pid);  // fits any int
     meters::NodeFile status(path);
     if (mNumSamples < 1)
         status.close();

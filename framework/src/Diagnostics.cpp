@@ -4,6 +4,7 @@
 
 namespace diag {
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): a printf-style line handed on to liblog's va_list form.
 void logUnchecked(const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);

@@ -20,7 +20,8 @@ bool csvEnabled() {
 
 FILE* openCsv(const char* name) {
     char path[kPathSize];
-    snprintf(path, sizeof(path), "/data/vendor/zq/%s_vmrss.csv", name);
+    // A name too long for the buffer is cut: its dump goes to the file the cut path names.
+    (void)snprintf(path, sizeof(path), "/data/vendor/zq/%s_vmrss.csv", name);
     return fopen(seams::resolvePath(path).c_str(), "a");
 }
 
@@ -34,13 +35,14 @@ void DumpData::Dump(const char* name, int duration, int* values, int count) {
     FILE* f = openCsv(name);
     if (f == nullptr)
         return;
-    fprintf(f, "%s,duration=%d,", name, duration);
+    // The dumps are best effort: a write that fails loses the row, with no line about it.
+    (void)fprintf(f, "%s,duration=%d,", name, duration);
     if (values != nullptr) {
         for (int i = 0; i < count; ++i)
-            fprintf(f, "%d,", values[i]);
+            (void)fprintf(f, "%d,", values[i]);
     }
-    fputc('\n', f);
-    fclose(f);
+    (void)fputc('\n', f);
+    (void)fclose(f);
 }
 
 void DumpData::Marker(const char* text, int value, const char* name) {
@@ -49,8 +51,8 @@ void DumpData::Marker(const char* text, int value, const char* name) {
     FILE* f = openCsv(name);
     if (f == nullptr)
         return;
-    fprintf(f, "%s, launchDuration = %d\n", text, value);
-    fclose(f);
+    (void)fprintf(f, "%s, launchDuration = %d\n", text, value);
+    (void)fclose(f);
 }
 
 bool DumpData::csvSwitchOn() {

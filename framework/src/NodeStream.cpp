@@ -91,7 +91,7 @@ bool NodeFile::rewind() {
 
 void NodeFile::close() {
     if (mFile != nullptr)
-        fclose(mFile);
+        (void)fclose(mFile);  // read-only: nothing is lost when the close fails
     mFile = nullptr;
 }
 

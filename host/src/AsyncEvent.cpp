@@ -39,13 +39,14 @@ int scanProc(const std::string& appName) {
     if (dir == nullptr)
         return -1;
     int found = -1;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own; only sharing one races.
     while (dirent* entry = readdir(dir)) {
         if (!isNumber(entry->d_name))
             continue;
         // Kernel threads and exited processes have no command line: they never match.
         const std::string arg0 = readCmdline(entry->d_name);
         if (!arg0.empty() && arg0 == appName) {
-            found = atoi(entry->d_name);
+            found = atoi(entry->d_name);  // NOLINT(cert-err34-c): all digits, see isNumber
             break;
         }
     }

@@ -104,7 +104,7 @@ void StatsProvider::closeStatus() {
 
 sysstats_task StatsProvider::readStatus(int pid) {
     char path[32];
-    snprintf(path, sizeof(path), "/proc/%d/status", pid);
+    (void)snprintf(path, sizeof(path), "/proc/%d/status", pid);  // fits any int
     // Resolved on every call: the root the path resolves under may have moved.
     const std::string resolved = seams::resolvePath(path);
     if (resolved != mPath)

@@ -54,11 +54,11 @@ std::string seams::logcatLine(const struct __android_log_message& msg) {
     struct tm tm;
     localtime_r(&tv.tv_sec, &tm);
     char stamp[32];
-    strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &tm);
+    (void)strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &tm);  // 14 characters
     char head[96];
-    snprintf(head, sizeof(head), "%s.%03d %5d %5d %c ", stamp, static_cast<int>(tv.tv_usec / 1000),
-             static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)),
-             priorityLetter(msg.priority));
+    (void)snprintf(head, sizeof(head), "%s.%03d %5d %5d %c ", stamp,
+                   static_cast<int>(tv.tv_usec / 1000), static_cast<int>(getpid()),
+                   static_cast<int>(syscall(SYS_gettid)), priorityLetter(msg.priority));
     return std::string(head) + (msg.tag != nullptr ? msg.tag : "") + ": " +
            (msg.message != nullptr ? msg.message : "");
 }
@@ -70,7 +70,7 @@ void __android_log_set_logger(__android_logger_function logger) {
 }
 
 void __android_log_stderr_logger(const struct __android_log_message* msg) {
-    fprintf(stderr, "%s\n", seams::logcatLine(*msg).c_str());
+    (void)fprintf(stderr, "%s\n", seams::logcatLine(*msg).c_str());
 }
 
 void __android_log_logd_logger(const struct __android_log_message* msg) {
@@ -97,7 +97,7 @@ int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap)
     const std::string format = narrowWideConversions(fmt);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    vsnprintf(buf, sizeof(buf), format.c_str(), ap);
+    (void)vsnprintf(buf, sizeof(buf), format.c_str(), ap);  // truncating, as liblog does
 #pragma GCC diagnostic pop
     return __android_log_write(prio, tag, buf);
 }

@@ -19,8 +19,9 @@ void writeMarker(const char* text) {
     FILE* f = fopen(seams::resolvePath(kTraceMarker).c_str(), "a");
     if (f == nullptr)
         return;
-    fputs(text, f);
-    fclose(f);
+    // Markers are best effort: one that cannot be written is dropped.
+    (void)fputs(text, f);
+    (void)fclose(f);
 }
 
 }  // namespace
@@ -35,14 +36,14 @@ uint64_t atrace_get_enabled_tags(void) {
 
 void atrace_begin_body(const char* name) {
     char line[1024];
-    snprintf(line, sizeof(line), "B|%d|%s", static_cast<int>(getpid()),
-             name != nullptr ? name : "");
+    (void)snprintf(line, sizeof(line), "B|%d|%s", static_cast<int>(getpid()),
+                   name != nullptr ? name : "");
     writeMarker(line);
 }
 
 void atrace_end_body(void) {
     char line[32];
-    snprintf(line, sizeof(line), "E|%d", static_cast<int>(getpid()));
+    (void)snprintf(line, sizeof(line), "E|%d", static_cast<int>(getpid()));
     writeMarker(line);
 }
 
