@@ -16,20 +16,8 @@ constexpr char kBig[] = "/sys/class/devfreq/soc:vedra,memlat-cpu6/cur_freq";
 constexpr char kLittle[] = "/sys/class/devfreq/soc:vedra,memlat-cpu0/cur_freq";
 constexpr char kAvail[] = "/sys/class/devfreq/soc:vedra,memlat-cpu0/available_frequencies";
 constexpr auto kPrompt = 2s;  // longer than any round, step or destruction may take
-// Rounds of the race below: a third under a sanitizer, which makes each round about three times
-// slower, and fewer still under an emulator, so that the file stays within seconds there too.
-#if defined(METERS_UNDER_EMULATOR)
-#define RACE_ROUNDS 300
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)  // the GNU compiler's names
-#define RACE_ROUNDS 1000
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define RACE_ROUNDS 1000
-#endif
-#endif
-#ifndef RACE_ROUNDS
-#define RACE_ROUNDS 3000
-#endif
+// Rounds of the race below, scaled so that the file stays within seconds.
+constexpr int kRaceRounds = METERS_SCALED(3000, 1000, 300);
 
 using Residency = std::map<int32_t, int32_t>;
 const Residency kZero{{100, 0}, {200, 0}, {300, 0}, {400, 0}};
@@ -206,7 +194,7 @@ TEST_F(MinDDR, DestroyingTheMeterInEachStateReturnsPromptly) {
 // then pauses and stops again and the destruction, whose exit request must end the thread.
 TEST_F(MinDDR, NoTriggerIsLostOnTheThreadsWayIntoItsWait) {
     ScriptedSleep noSleep;
-    EXPECT_TRUE(watch(RACE_ROUNDS, [](int r) {
+    EXPECT_TRUE(watch(kRaceRounds, [](int r) {
         MinDDRMeter meter{MeterInfo{}};
         auto halts = [&meter, r] {
             for (int i = 0; i < 1 + r % 24; ++i)

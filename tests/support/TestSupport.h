@@ -26,6 +26,21 @@
 #include "RegistryBase.h"
 #include "StatsProvider.h"
 
+// The rounds a repeating test runs: plain, under a sanitizer (which makes each round about three
+// times slower) or under the emulator, so that the file stays within seconds everywhere.
+#if defined(METERS_UNDER_EMULATOR)
+#define METERS_SCALED(plain, sanitized, emulated) (emulated)
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)  // the GNU compiler's names
+#define METERS_SCALED(plain, sanitized, emulated) (sanitized)
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define METERS_SCALED(plain, sanitized, emulated) (sanitized)
+#endif
+#endif
+#ifndef METERS_SCALED
+#define METERS_SCALED(plain, sanitized, emulated) (plain)
+#endif
+
 namespace testsupport {
 
 // Captures the process's log lines while alive, as their messages. A line that is not written
