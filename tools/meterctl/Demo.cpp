@@ -247,6 +247,9 @@ struct ReaderRow {
 
 struct SamplingRun {
     std::thread thread;
+    std::atomic<std::thread::id> id{};  // the thread's, once it runs
+    // Its first sleep came: start() has taken its pending list and samples.
+    std::atomic<bool> sampling{false};
     double startedMs = 0;  // when start() was called; read after the thread is joined
     std::atomic<bool> done{false};
     bool announced = false;
@@ -314,6 +317,10 @@ class DemoRun {
 };
 
 void DemoRun::onMeterSleep(uint32_t us) {
+    for (auto& [name, run] : mRuns) {
+        if (run.id.load() == std::this_thread::get_id())
+            run.sampling = true;
+    }
     // Only the launch meter sleeps its 30 ms period: each sleep follows one of its samples.
     if (us == meters::kLaunchSamplePeriodUs && mLaunchRounds++ == 0) {
         std::lock_guard<std::mutex> lock(mLaunchMutex);
@@ -360,10 +367,13 @@ void DemoRun::startLaunch() {
     mEvents->deliver(meter("VmRss"), payload(hint::kLaunchStart, 0, kVmRssBudgetMs, pkg));
     mEvents->deliver(meter("Memory"), payload(hint::kLaunchStart, 0, mPid, pkg));
     mEvents->deliver(meter("ProComp"), payload(hint::kLaunchStart, 0, mPid, pkg));
+    for (const char* name : kSamplingMeters)  // all there before a sleep looks them up
+        mRuns[name];
     for (const char* name : kSamplingMeters) {
-        SamplingRun& run = mRuns[name];
+        SamplingRun& run = mRuns.at(name);
         Meter& m = meter(name);
         run.thread = std::thread([&m, &run, this] {
+            run.id = std::this_thread::get_id();
             run.startedMs = mTime->ms();
             m.start();
             run.done = true;
@@ -502,6 +512,17 @@ void DemoRun::stopEverything() {
             mEvents->deliver(meter(name), stop);
         for (const char* name : kReaderMeters)
             meter(name).start();
+        // A sampling meter forgets an end that came before its start() began (Ctrl-C right
+        // after the launch start), so it gets the end again until its run returns. Memory and
+        // ProComp take their pending list without a lock: they get it only once they sample.
+        for (auto& [name, run] : mRuns) {
+            const bool lockedList = name == "Launch" || name == "VmRss";
+            while (run.thread.joinable() && !run.done) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                if (!run.done && (lockedList || run.sampling))
+                    mEvents->deliver(meter(name), name == "VmRss" ? stop : end);
+            }
+        }
     }
     for (auto& [name, run] : mRuns) {
         if (run.thread.joinable())
