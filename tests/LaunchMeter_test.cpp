@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "AsyncEvent.h"
 #include "TestSupport.h"
@@ -398,4 +400,50 @@ TEST_F(LaunchRun, DescriptorCountsFromAFreeRunningThreadAreEachTakenOrIgnored) {
     }
     EXPECT_GT(sent, 34u);
     EXPECT_EQ(m.mFeatures.mFDCount.size() + ignored, sent);
+}
+
+// Launches of a real process, found by the host in the kernel's /proc, on one meter as a host
+// keeps it: while it lives every round samples its memory and OOM score; once it has exited after
+// the fifth round, whether a zombie (no memory lines, score 0) or reaped (nothing to read), the
+// rounds add nothing to the series and their raw values are not its last figure. A new process
+// of the same name is found afresh by the next launch, not through the pid the last one found.
+TEST(LaunchLifecycle, ARealProcessIsSampledUntilItIsGoneAndASuccessorFoundAfresh) {
+    enum Then { Lives, Zombie, Reaped, Replaced };
+    LogCapture log;
+    const std::string name = "launch-probe-" + std::to_string(getpid());  // unique in /proc
+    LaunchMeter m("Launch");
+    auto child = std::make_unique<ChildProcess>(name);
+    for (int round = 0; round < kLifecycleRounds; ++round) {
+        for (Then then : {Lives, Zombie, Reaped, Replaced}) {
+            SCOPED_TRACE(testing::Message() << "round " << round << ", case " << then);
+            if (child == nullptr || then == Replaced)
+                child = std::make_unique<ChildProcess>(name);
+            const std::string proc = "/proc/" + std::to_string(child->pid());
+            std::ifstream status(proc + "/status"), oomScore(proc + "/oom_score");
+            const std::string text{std::istreambuf_iterator<char>(status), {}};
+            const int kb = std::stoi(text.substr(text.find("RssAnon:") + 8)) +
+                           std::stoi(text.substr(text.find("VmSwap:") + 7));
+            int score = 0;
+            oomScore >> score;
+            m.asyncTriggerUpdate(makePayload(hint::kLaunchStart, 0, 8100, name));
+            ScriptedSleep sleep([&](int i, uint32_t) {
+                if (i == 4 && then == Zombie)
+                    child->killUnreaped();
+                if (i == 4 && then == Reaped)
+                    child->kill();
+            });
+            m.start();
+            const size_t sampled = then == Zombie || then == Reaped ? 5 : 34;
+            EXPECT_EQ(m.mSampleCount, 34);
+            EXPECT_EQ(m.mFeatures.mVmRss, std::vector<int>(sampled, kb));
+            EXPECT_EQ(m.mFeatures.mOOMScroe, std::vector<int>(score >= 1 ? sampled : 0, score));
+            EXPECT_EQ(std::vector<int>(m.mVmRssValues, m.mVmRssValues + 5),
+                      std::vector<int>(5, kb));
+            for (int k = 5; k < 34; ++k)
+                EXPECT_TRUE(sampled == 34 ? m.mVmRssValues[k] == kb : m.mVmRssValues[k] < 1) << k;
+            if (sampled == 5)
+                child.reset();
+        }
+    }
+    EXPECT_EQ(log.lines(), std::vector<std::string>{});
 }

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
+#include <optional>
 
 #include "TestSupport.h"
 
@@ -112,6 +114,61 @@ TEST(MemoryMeterRun, RunsOfFortySamples) {
         EXPECT_EQ(sleep.sleeps(), std::vector<uint32_t>(sleep.sleeps().size(), 300000u));
     }
     EXPECT_EQ(log.lines(), std::vector<std::string>{"MemoryMeter: start() 144: Async Data NULL"});
+}
+
+// Six samples of a real process through the host's statistics: while it lives, each is its VmRSS
+// plus VmSwap; once it has exited, whether a zombie (its status has no memory lines) or reaped,
+// each is 0 and not detected on, never its last figure. A status replaced under the same path (a
+// new process behind the pid, in a fixture tree) is read afresh from the next sample on.
+TEST(MemoryMeterRun, ARealProcessIsSampledUntilItIsGoneAndASuccessorAfresh) {
+    enum Then { Lives, Zombie, Reaped, Replaced };
+    const auto kbOf = [](const std::string& text) {
+        return std::stoll(text.substr(text.find("VmRSS:") + 6)) +
+               std::stoll(text.substr(text.find("VmSwap:") + 7));
+    };
+    std::string successor = testData("status");
+    successor.replace(successor.find("2264", successor.find("VmRSS:")), 4, "5000");
+    LogCapture log;
+    for (int round = 0; round < kLifecycleRounds; ++round) {
+        for (Then then : {Lives, Zombie, Reaped, Replaced}) {
+            SCOPED_TRACE(testing::Message() << "round " << round << ", case " << then);
+            ChildProcess child("memory-probe");
+            std::optional<FixtureRoot> root;
+            int pid = child.pid();
+            if (then == Replaced) {
+                root.emplace();
+                pid = 4321;
+                root->addFile("/proc/4321/status", testData("status"));
+            }
+            std::ifstream in("/proc/" + std::to_string(child.pid()) + "/status");
+            const int64_t kb =
+                then == Replaced ? 2264 : kbOf({std::istreambuf_iterator<char>(in), {}});
+            MemoryMeter m(makeInfo({"rss_swap"}, "6"));
+            m.asyncTriggerUpdate(makePayload(hint::kActivityStart, 0, pid));
+            ScriptedSleep sleep([&](int i, uint32_t) {
+                if (i != 1)  // after the second sample
+                    return;
+                if (then == Zombie)
+                    child.killUnreaped();
+                if (then == Reaped)
+                    child.kill();
+                if (then == Replaced) {
+                    root->remove("/proc/4321/status");
+                    root->addFile("/proc/4321/status", successor);
+                }
+            });
+            m.start();
+            const int64_t after = then == Lives ? kb : then == Replaced ? 5000 : 0;
+            const int64_t* values = static_cast<MemoryField*>(m.mFields.at(0))->mMemoryValues.get();
+            EXPECT_EQ(std::vector<int64_t>(values, values + 6),
+                      (std::vector<int64_t>{kb, kb, after, after, after, after}));
+            EXPECT_EQ(sleep.sleeps().size(), 6u);
+            EXPECT_EQ(
+                std::make_pair(m.mEndpointMs, m.mBaseline),
+                std::make_pair(then == Replaced ? 900 : 0, static_cast<int>(after ? after : kb)));
+        }
+    }
+    EXPECT_EQ(log.lines(), std::vector<std::string>{});
 }
 
 // Built through the factory under a 4 GiB address-space limit, the child reports its log lines

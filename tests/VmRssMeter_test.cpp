@@ -210,28 +210,49 @@ TEST_F(VmRssRun, RunsEndAsScriptedAndDumpTheirSeries) {
     }
 }
 
-// Under a root whose /proc is the kernel's: a live process is sampled from its real status file,
-// and one that is reaped between two samples ends the run without a dump instead of repeating
-// its last reading.
-TEST_F(VmRssRun, ARealProcessIsSampledUntilItIsGone) {
+// Under a root whose /proc is the kernel's: a live process is sampled from its real status file;
+// one that exits between two samples, whether a zombie (its status has no memory lines) or reaped,
+// ends the run without a dump instead of repeating its last reading. Once it is gone, a new
+// process of the same name listed after it in the cpuset is found past the old task id (a
+// zombie's command line reads empty, a reaped one's not at all) and sampled afresh.
+TEST_F(VmRssRun, ARealProcessIsSampledUntilItIsGoneAndItsSuccessorAfresh) {
     root.remove("/proc");
     root.addSymlink("/proc", "/proc");
-    ChildProcess child("vmrss-probe");
-    root.addFile(kTasksPath, "1\n" + std::to_string(child.pid()) + "\n");
-    const std::string text = root.read("/proc/" + std::to_string(child.pid()) + "/status");
-    const std::string kb = std::to_string(std::stoi(text.substr(text.find("RssAnon:") + 8)) +
-                                          std::stoi(text.substr(text.find("VmSwap:") + 7)));
-    for (bool reaped : {false, true}) {
-        VmRssMeter m("VmRss", 20, {});
-        m.asyncTriggerUpdate(makePayload(hint::kLaunchStart, 0, 600, "vmrss-probe"));  // 3 samples
-        ScriptedSleep sleep([&](int i, uint32_t) {
-            if (reaped && i == 2)  // after the second sample
-                child.kill();
-        });
-        m.start();
-        EXPECT_EQ(std::make_pair(m.mSampleCount, m.mAborted),
-                  std::make_pair(reaped ? 2 : 3, reaped));
+    const std::string csv = "/data/vendor/zq/vmrss-probe_vmrss.csv";
+    enum Then { Lives, Zombie, Reaped, Replaced };
+    for (int round = 0; round < kLifecycleRounds; ++round) {
+        for (Then then : {Lives, Zombie, Reaped, Replaced}) {
+            SCOPED_TRACE(testing::Message() << "round " << round << ", case " << then);
+            root.remove(csv);
+            auto child = std::make_unique<ChildProcess>("vmrss-probe");
+            std::string tasks = "1\n" + std::to_string(child->pid()) + "\n";
+            if (then == Replaced) {  // the old one alternately a zombie and reaped
+                round % 2 == 0 ? child->killUnreaped() : child->kill();
+                auto successor = std::make_unique<ChildProcess>("vmrss-probe");
+                tasks += std::to_string(successor->pid()) + "\n";
+                child = std::move(successor);
+            }
+            root.addFile(kTasksPath, tasks);
+            const std::string text = root.read("/proc/" + std::to_string(child->pid()) + "/status");
+            const std::string kb =
+                std::to_string(std::stoi(text.substr(text.find("RssAnon:") + 8)) +
+                               std::stoi(text.substr(text.find("VmSwap:") + 7)));
+            VmRssMeter m("VmRss", 20, {});
+            m.asyncTriggerUpdate(makePayload(hint::kLaunchStart, 0, 600, "vmrss-probe"));  // 3
+            ScriptedSleep sleep([&](int i, uint32_t) {
+                if (i == 2 && then == Zombie)  // after the second sample
+                    child->killUnreaped();
+                if (i == 2 && then == Reaped)
+                    child->kill();
+            });
+            m.start();
+            const bool gone = then == Zombie || then == Reaped;
+            EXPECT_EQ(std::make_pair(m.mSampleCount, m.mAborted),
+                      std::make_pair(gone ? 2 : 3, gone));
+            EXPECT_EQ(
+                root.read(csv),
+                gone ? "(none)" : "vmrss-probe,duration=0," + kb + "," + kb + "," + kb + ",\n");
+        }
     }
-    EXPECT_EQ(root.read("/data/vendor/zq/vmrss-probe_vmrss.csv"),
-              "vmrss-probe,duration=0," + kb + "," + kb + "," + kb + ",\n");
+    EXPECT_EQ(log.lines(), std::vector<std::string>{});
 }

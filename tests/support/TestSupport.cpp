@@ -194,6 +194,14 @@ ChildProcess::ChildProcess(const std::string& name) {
         usleep(1000);
 }
 
+void ChildProcess::killUnreaped() {
+    if (mPid > 0) {
+        ::kill(mPid, SIGKILL);
+        siginfo_t info;
+        waitid(P_PID, mPid, &info, WEXITED | WNOWAIT);
+    }
+}
+
 void ChildProcess::kill() {
     if (mPid > 0) {
         ::kill(mPid, SIGKILL);

@@ -158,9 +158,14 @@ class ChildProcess {
     ~ChildProcess() { kill(); }
     int pid() const { return mPid; }
     void kill();
+    // Kills it and returns once it is a zombie: exited, its /proc entries still there, not reaped.
+    void killUnreaped();
 
   private:
     int mPid = -1;
 };
+
+// Rounds of the tests that repeat a whole process lifecycle.
+constexpr int kLifecycleRounds = METERS_SCALED(5, 2, 1);
 
 }  // namespace testsupport
