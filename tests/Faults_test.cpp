@@ -100,6 +100,17 @@ struct Planted {
                 root.addFile(node.path, node.good);
         }
     }
+    // Two readings, the nodes restored before the second; what each wrote, a space after each.
+    std::string readTwice(const std::function<void(std::ostream&)>& read) const {
+        std::ostringstream out;
+        for (int reading = 0; reading < 2; ++reading) {
+            if (reading == 1)
+                restore();
+            read(out);
+            out << " ";
+        }
+        return out.str();
+    }
     const FixtureRoot& root;
     std::vector<Node> nodes;
     Fault fault;
@@ -125,15 +136,12 @@ Outcome fps(Fault fault) {
                   fault);
     LogCapture log;
     FpsMeter meter{MeterInfo{}};
-    std::ostringstream out;
-    for (int reading = 0; reading < 2; ++reading) {
-        if (reading == 1)
-            nodes.restore();
+    const std::string readings = nodes.readTwice([&](std::ostream& out) {
         meter.start();
         const float rate = meter.getFps();
-        out << rate << "/" << meter.getFrames() << " ";
-    }
-    return {out.str(), log.lines()};
+        out << rate << "/" << meter.getFrames();
+    });
+    return {readings, log.lines()};
 }
 
 Outcome gpu_(Fault fault) {
@@ -145,19 +153,16 @@ Outcome gpu_(Fault fault) {
                          {dir + "max_gpuclk", "267000000\n"}}, fault);
     LogCapture log;
     GpuMeter meter{MeterInfo{}};
-    std::ostringstream out;
-    for (int reading = 0; reading < 2; ++reading) {
-        if (reading == 1)
-            nodes.restore();
+    const std::string readings = nodes.readTwice([&](std::ostream& out) {
         meter.start();
         std::vector<int> freqs{-7};
         std::vector<long> stats{-7};
         meter.getAvlGpuFreqs(freqs);
         meter.getClockStats(stats);
         const int maxFreq = meter.getGpuMaxFreq();
-        out << list(freqs) << list(stats) << maxFreq << "/" << meter.getBusyPercentage() << " ";
-    }
-    return {out.str(), log.lines()};
+        out << list(freqs) << list(stats) << maxFreq << "/" << meter.getBusyPercentage();
+    });
+    return {readings, log.lines()};
 }
 
 Outcome schedParams(Fault fault) {
@@ -168,18 +173,15 @@ Outcome schedParams(Fault fault) {
                          {dir + "curr_cap_cluster", "410 1024 1024\n"}}, fault);
     LogCapture log;
     SchedParamsMeter meter{MeterInfo{}};
-    std::ostringstream out;
-    for (int reading = 0; reading < 2; ++reading) {
-        if (reading == 1)
-            nodes.restore();
+    const std::string readings = nodes.readTwice([&](std::ostream& out) {
         std::atomic<int> load[3] = {-7, -7, -7}, cap[3] = {-7, -7, -7};
         const int top = meter.getTopAppLoad();
         const int bigNr = meter.getBigNrRun();
         const bool loadOk = meter.getClusterTopAppLoad(load);
         const bool capOk = meter.getClusterCurrCap(cap);
-        out << top << "/" << bigNr << "/" << loadOk << list(load) << capOk << list(cap) << " ";
-    }
-    return {out.str(), log.lines()};
+        out << top << "/" << bigNr << "/" << loadOk << list(load) << capOk << list(cap);
+    });
+    return {readings, log.lines()};
 }
 
 Outcome perfCounters(Fault fault) {
@@ -189,14 +191,11 @@ Outcome perfCounters(Fault fault) {
     Planted nodes(root, {{kNode, "10:2:30:4\n"}}, fault);
     LogCapture log;
     PerfCountersMeter meter{MeterInfo{}};
-    std::ostringstream out;
-    for (int reading = 0; reading < 2; ++reading) {
-        if (reading == 1)
-            nodes.restore();
+    const std::string readings = nodes.readTwice([&](std::ostream& out) {
         const int64_t ipc = meter.getIPC();
-        out << ipc << list(meter.getInstructions()) << " ";
-    }
-    return {out.str(), log.lines()};
+        out << ipc << list(meter.getInstructions());
+    });
+    return {readings, log.lines()};
 }
 
 // The worker alone, without its thread: the frequencies it keys, and (built on a good list) two
