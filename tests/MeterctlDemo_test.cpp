@@ -39,7 +39,7 @@ std::string readFile(const fs::path& path) {
 }
 
 std::vector<std::string> demo(const OutDir& out, const std::string& package) {
-    return {"demo",      "--speed", "5",         "--out",     out.path.string(),
+    return {"demo",      "--speed", "2",         "--out",     out.path.string(),
             "--package", package,   "--app-exe", METERCTL_EXE};
 }
 

@@ -1,6 +1,7 @@
 // MinDDRMeter and its worker: the OPP search and the state table over scripted inputs; the
-// sampling thread stepped through its states against fixture nodes with the sleep seam; its
-// destruction from each state; triggers racing the thread on its way into its wait.
+// sampling thread stepped through its states against fixture nodes with the sleep seam; a vote
+// that is not a number ending the process; its destruction from each state; triggers racing the
+// thread on its way into its wait.
 #include "MinDDRMeter.h"
 
 #include <chrono>
@@ -72,6 +73,7 @@ class MinDDR : public ::testing::Test {
     FixtureRoot root;
     LogCapture log;
 };
+using MinDDRDeathTest = MinDDR;
 
 }  // namespace
 
@@ -154,6 +156,21 @@ TEST_F(MinDDR, TheThreadSamplesPausesResumesAndStopsAsTriggered) {
         }
     EXPECT_EQ(gate.sleeps(), std::vector<uint32_t>(gate.sleeps().size(), 300000));
     step(1 << 20, false);
+}
+
+// Nothing catches the conversion of a vote that is not a number: the sampling thread ends the
+// process with the exception.
+TEST_F(MinDDRDeathTest, AVoteThatIsNotANumberEndsTheProcess) {
+    root.addFile(kLittle, "unknown\n");
+    EXPECT_DEATH(
+        {
+            ScriptedSleep noSleep;
+            MinDDRMeter meter{MeterInfo{}};
+            meter.start();
+            meter.asyncTriggerUpdate(makePayload(hint::kActivityResume, 0));
+            std::this_thread::sleep_for(kPrompt);
+        },
+        "invalid_argument");
 }
 
 // The thread caught on the residency lock, where a lost state change would strand it: woken by
