@@ -47,7 +47,7 @@ std::vector<std::string> demo(const OutDir& out, const std::string& package) {
 
 TEST(MeterctlDemo, MeasuresTheLaunchWithAllNineMetersAndFindsWhereTheAppSettled) {
     const OutDir out("demo-run");
-    const std::string package = "com.example.demotest";
+    const std::string package = "com.example.demotest" + std::to_string(getpid());
     const CliResult run = cli(demo(out, package));
     ASSERT_EQ(run.code, 0) << run.err << run.out;
 
@@ -149,7 +149,7 @@ TEST(MeterctlDemo, RejectsWhatItCannotRunWithAReason) {
 
 TEST(MeterctlDemo, CtrlCStopsTheMetersEndsTheAppAndLeavesNothingBehind) {
     const OutDir out("demo-interrupted");
-    const std::string package = "com.example.demostop";
+    const std::string package = "com.example.demostop" + std::to_string(getpid());
     struct sigaction before = {}, during = {};
     sigaction(SIGINT, nullptr, &before);
     CliResult run;

@@ -29,6 +29,8 @@ std::chrono::steady_clock::time_point steadyNow();
 using SleepHook = std::function<void(uint32_t us)>;
 using ClockHook = std::function<std::chrono::steady_clock::time_point()>;
 void setSleepHook(SleepHook hook);
+// The hook in place (empty: the real sleep), for a hook that watches the sleeps and chains it.
+SleepHook sleepHook();
 void setClockHook(ClockHook hook);
 // A log message in the logcat form the stand-in's stderr logger writes, without a newline, so
 // that a logger set in its place can write the same lines elsewhere.

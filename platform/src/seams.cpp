@@ -65,6 +65,11 @@ void setSleepHook(SleepHook hook) {
     gSleep = std::move(hook);
 }
 
+SleepHook sleepHook() {
+    std::lock_guard<std::mutex> lock(gMutex);
+    return gSleep;
+}
+
 void setClockHook(ClockHook hook) {
     std::lock_guard<std::mutex> lock(gMutex);
     gClock = std::move(hook);

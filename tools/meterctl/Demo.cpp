@@ -330,6 +330,10 @@ void DemoRun::onMeterSleep(uint32_t us) {
 
 void DemoRun::startLaunch() {
     const std::string& pkg = mOptions.package;
+    // All there before any meter sleeps (MinDDR's worker does from the readers' start on):
+    // onMeterSleep looks them up.
+    for (const char* name : kSamplingMeters)
+        mRuns[name];
     MeterInfo info;
     for (const char* name : kReaderMeters) {
         info.name = name;
@@ -367,8 +371,6 @@ void DemoRun::startLaunch() {
     mEvents->deliver(meter("VmRss"), payload(hint::kLaunchStart, 0, kVmRssBudgetMs, pkg));
     mEvents->deliver(meter("Memory"), payload(hint::kLaunchStart, 0, mPid, pkg));
     mEvents->deliver(meter("ProComp"), payload(hint::kLaunchStart, 0, mPid, pkg));
-    for (const char* name : kSamplingMeters)  // all there before a sleep looks them up
-        mRuns[name];
     for (const char* name : kSamplingMeters) {
         SamplingRun& run = mRuns.at(name);
         Meter& m = meter(name);
@@ -506,17 +508,19 @@ void DemoRun::stopEverything() {
         mMeters.size() == std::size(kSamplingMeters) + std::size(kReaderMeters)) {
         const AsyncTriggerPayload end = payload(hint::kNone, hint::kTypeEnd);
         const AsyncTriggerPayload stop = payload(hint::kActivityStop, hint::kTypeEnd);
-        for (const char* name : {"Launch", "Memory", "ProComp", "PerfCounters"})
+        for (const char* name : {"Launch", "Memory", "ProComp"})
             mEvents->deliver(meter(name), end);
+        // Not PerfCounters: after a stop its start() closes the number of its last descriptor
+        // again, which by now belongs to another file of this process (MinDDR's, say).
         for (const char* name : {"VmRss", "Fps", "Gpu", "SchedParams", "MinDDR"})
             mEvents->deliver(meter(name), stop);
-        for (const char* name : kReaderMeters)
+        for (const char* name : {"Fps", "Gpu", "SchedParams", "MinDDR"})
             meter(name).start();
         // A sampling meter forgets an end that came before its start() began (Ctrl-C right
-        // after the launch start), so it gets the end again until its run returns. Memory and
-        // ProComp take their pending list without a lock: they get it only once they sample.
+        // after the launch start), so it gets the end again until its run returns. A meter that
+        // takes its pending list without a lock gets it only once it samples.
         for (auto& [name, run] : mRuns) {
-            const bool lockedList = name == "Launch" || name == "VmRss";
+            const bool lockedList = !findSpec(name)->listWithoutLock;
             while (run.thread.joinable() && !run.done) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
                 if (!run.done && (lockedList || run.sampling))

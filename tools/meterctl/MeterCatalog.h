@@ -27,6 +27,9 @@ struct MeterSpec {
         int32_t hintType;
     };
     std::optional<Event> stopEvent;
+    // start() takes its pending list without a lock: the host delivers nothing while it does,
+    // that is, from the call until the meter's first sleep.
+    bool listWithoutLock = false;
 };
 
 const std::vector<MeterSpec>& meterSpecs();

@@ -18,12 +18,14 @@
 #include "Commands.h"
 #include "HostSetup.h"
 #include "MeterCatalog.h"
+#include "seams.h"
 
 namespace meterctl {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
 // How often a waiting run looks at Ctrl-C.
@@ -178,8 +180,19 @@ void runSampling(Meter& meter, const MeterSpec& spec, const RunOptions& o, Event
     std::mutex mutex;
     std::condition_variable returned;
     bool done = false;
+    // Where start() takes its pending list without a lock, nothing is delivered until the
+    // runner's first sleep shows it has taken it.
+    std::atomic<bool> listTaken{!spec.listWithoutLock};
+    std::atomic<std::thread::id> runnerId{};
+    const seams::SleepHook previousSleep = seams::sleepHook();
+    seams::setSleepHook([&listTaken, &runnerId, previousSleep](uint32_t us) {
+        if (std::this_thread::get_id() == runnerId.load())
+            listTaken = true;
+        previousSleep ? previousSleep(us) : std::this_thread::sleep_for(microseconds(us));
+    });
     const Clock::time_point t0 = Clock::now();
     std::thread runner([&] {
+        runnerId = std::this_thread::get_id();
         meter.start();
         std::lock_guard<std::mutex> lock(mutex);
         done = true;
@@ -194,7 +207,8 @@ void runSampling(Meter& meter, const MeterSpec& spec, const RunOptions& o, Event
     while (!done) {
         const Clock::time_point now = Clock::now();
         if (nextStop == Clock::time_point::max()) {
-            schedule.deliverDue(meter, msSince(t0));
+            if (listTaken)
+                schedule.deliverDue(meter, msSince(t0));
             if (interrupted()) {
                 end = "stopped by Ctrl-C";
                 nextStop = now;
@@ -207,19 +221,22 @@ void runSampling(Meter& meter, const MeterSpec& spec, const RunOptions& o, Event
                 }
             }
         }
-        if (now >= nextStop) {
+        if (now >= nextStop && listTaken) {
             if (spec.stopEvent)
                 meter.asyncTriggerUpdate(payloadOf(*spec.stopEvent));
             nextStop = now + kStopRepeat;
         }
-        const Clock::time_point wake = std::min({nextStop == Clock::time_point::max()
-                                                     ? std::min(nextReading, schedule.nextDue(t0))
-                                                     : nextStop,
-                                                 now + kPoll});
+        const Clock::time_point wake =
+            !listTaken ? now + kPoll
+                       : std::min({nextStop == Clock::time_point::max()
+                                       ? std::min(nextReading, schedule.nextDue(t0))
+                                       : nextStop,
+                                   now + kPoll});
         returned.wait_until(lock, wake, [&] { return done; });
     }
     lock.unlock();
     runner.join();
+    seams::setSleepHook(previousSleep);
     printer.print(msSince(t0), false, readMeter(spec.name, meter, false), end);
 }
 
