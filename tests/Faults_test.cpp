@@ -116,6 +116,19 @@ struct Planted {
     Fault fault;
 };
 
+// The nodes whose path holds which get the fault, the others their good text.
+Planted plantWhere(const FixtureRoot& root, const std::vector<Node>& all, const std::string& which,
+                   Fault fault) {
+    std::vector<Node> faulty;
+    for (const Node& node : all) {
+        if (node.path.find(which) == std::string::npos)
+            root.addFile(node.path, node.good);
+        else
+            faulty.push_back(node);
+    }
+    return Planted(root, faulty, fault);
+}
+
 template <class T>
 std::string list(const T& values) {
     std::ostringstream out;
@@ -242,14 +255,7 @@ Outcome vmRss(Fault fault, const std::string& which) {
     std::vector<Node> all = {{"/dev/cpuset/top-app/tasks", "1 1210\n"},
                              {"/proc/1210/cmdline", std::string("com.example.app\0", 16)},
                              {"/proc/1210/status", statusText(992, 8)}};
-    std::vector<Node> faulty;
-    for (const Node& node : all) {
-        if (node.path.find(which) == std::string::npos)
-            root.addFile(node.path, node.good);
-        else
-            faulty.push_back(node);
-    }
-    Planted nodes(root, faulty, fault);
+    const Planted nodes = plantWhere(root, all, which, fault);
     root.remove("/data/vendor/zq");
     root.addDir("/data/vendor/zq");
     LogCapture log;
@@ -271,14 +277,7 @@ Outcome launch(Fault fault, const std::string& which) {
     FixtureRoot root;
     std::vector<Node> all = {{"/proc/4321/status", statusText(992, 8)},
                              {"/proc/4321/oom_score", "200\n"}};
-    std::vector<Node> faulty;
-    for (const Node& node : all) {
-        if (node.path.find(which) == std::string::npos)
-            root.addFile(node.path, node.good);
-        else
-            faulty.push_back(node);
-    }
-    Planted nodes(root, faulty, fault);
+    const Planted nodes = plantWhere(root, all, which, fault);
     AsyncEvent::setPidResolver([](const std::string&) { return 4321; });
     LogCapture log;
     LaunchMeter meter("Launch");
