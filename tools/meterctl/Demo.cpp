@@ -520,7 +520,7 @@ void DemoRun::stopEverything() {
         // after the launch start), so it gets the end again until its run returns. A meter that
         // takes its pending list without a lock gets it only once it samples.
         for (auto& [name, run] : mRuns) {
-            const bool lockedList = !findSpec(name)->listWithoutLock;
+            const bool lockedList = !findEntry(name)->listWithoutLock;
             while (run.thread.joinable() && !run.done) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
                 if (!run.done && (lockedList || run.sampling))

@@ -188,21 +188,21 @@ long long parseInteger(const std::string& text, const std::string& what, bool he
     return value;
 }
 
-TimedEvent parseEvent(const std::string& spec) {
+TimedEvent parseEvent(const std::string& text) {
     TimedEvent event;
-    std::string fields = spec;
-    const size_t at = spec.rfind('@');
+    std::string fields = text;
+    const size_t at = text.rfind('@');
     if (at != std::string::npos) {
-        const long long ms = parseInteger(spec.substr(at + 1), "delivery time");
+        const long long ms = parseInteger(text.substr(at + 1), "delivery time");
         if (ms < 0 || ms > std::numeric_limits<int>::max())
-            throw std::invalid_argument("delivery time " + spec.substr(at + 1) +
+            throw std::invalid_argument("delivery time " + text.substr(at + 1) +
                                         " must be a time in ms from 0");
         event.atMs = static_cast<int>(ms);
-        fields = spec.substr(0, at);
+        fields = text.substr(0, at);
     }
     const std::vector<std::string> parts = split(fields, ',');
     if (parts.size() > 5)
-        throw std::invalid_argument("event '" + spec +
+        throw std::invalid_argument("event '" + text +
                                     "' has more than five fields (ID,TYPE,APP,ARGS,VALUES)");
     AsyncTriggerPayload& p = event.payload;
     p.hintId = toHintId(parseInteger(parts[0], "hint id", true), "hint id");

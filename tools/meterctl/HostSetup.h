@@ -25,7 +25,7 @@ struct TimedEvent {
 // 0x-hex, TYPE an integer (default 0), APP the application name, ARGS up to eleven integers for
 // intArgs and VALUES any number of integers, both ':'-separated. Throws std::invalid_argument
 // saying what is wrong.
-TimedEvent parseEvent(const std::string& spec);
+TimedEvent parseEvent(const std::string& text);
 // "KEY=VALUE" (the value may be empty). Throws std::invalid_argument.
 std::pair<std::string, std::string> parseKeyValue(const std::string& text);
 // A whole decimal integer, or 0x-hex when hex is allowed. Throws std::invalid_argument naming what.

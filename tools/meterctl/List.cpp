@@ -9,17 +9,17 @@ void addListCommand(CLI::App& app, Output& io) {
                                         "configuration each one reads.");
     list->callback([&io] {
         for (const std::string& name : registeredNames()) {
-            const MeterSpec* spec = findSpec(name);
+            const MeterEntry* entry = findEntry(name);
             io.out << name;
-            if (spec == nullptr) {
+            if (entry == nullptr) {
                 io.out << " (registered, unknown to meterctl)\n";
                 continue;
             }
-            io.out << (spec->sampling ? " (sampling: start() runs until its end)\n"
-                                      : " (reader: start() returns; getters read on demand)\n");
-            for (const std::string& event : spec->events)
+            io.out << (entry->sampling ? " (sampling: start() runs until its end)\n"
+                                       : " (reader: start() returns; getters read on demand)\n");
+            for (const std::string& event : entry->events)
                 io.out << "  event  " << event << "\n";
-            for (const std::string& key : spec->configKeys)
+            for (const std::string& key : entry->configKeys)
                 io.out << "  config " << key << "\n";
         }
     });

@@ -28,8 +28,8 @@ const char* const kStopEvents =
     "with type -1 (resume): they go on; others are queued";
 
 // The host's end-of-activity notice, and the stop that readers act on.
-constexpr MeterSpec::Event kEndOfActivity{0, -1};
-constexpr MeterSpec::Event kActivityStop{0x1002, -1};
+constexpr MeterEntry::Event kEndOfActivity{0, -1};
+constexpr MeterEntry::Event kActivityStop{0x1002, -1};
 
 template <class T>
 T& as(Meter& meter) {
@@ -38,8 +38,8 @@ T& as(Meter& meter) {
 
 }  // namespace
 
-const std::vector<MeterSpec>& meterSpecs() {
-    static const std::vector<MeterSpec> specs = {
+const std::vector<MeterEntry>& meterEntries() {
+    static const std::vector<MeterEntry> entries = {
         {"VmRss",
          true,
          {"first queued event: appName is the application, intArgs[0] the time budget in ms",
@@ -115,13 +115,13 @@ const std::vector<MeterSpec>& meterSpecs() {
           "available_frequencies)"},
          kActivityStop},
     };
-    return specs;
+    return entries;
 }
 
-const MeterSpec* findSpec(const std::string& name) {
-    for (const MeterSpec& spec : meterSpecs()) {
-        if (spec.name == name)
-            return &spec;
+const MeterEntry* findEntry(const std::string& name) {
+    for (const MeterEntry& entry : meterEntries()) {
+        if (entry.name == name)
+            return &entry;
     }
     return nullptr;
 }

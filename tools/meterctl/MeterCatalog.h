@@ -12,7 +12,7 @@
 
 namespace meterctl {
 
-struct MeterSpec {
+struct MeterEntry {
     std::string name;
     // A sampling meter's start() blocks for its run; a reader's returns at once and its getters
     // answer on demand.
@@ -32,9 +32,9 @@ struct MeterSpec {
     bool listWithoutLock = false;
 };
 
-const std::vector<MeterSpec>& meterSpecs();
+const std::vector<MeterEntry>& meterEntries();
 // Null for a name the catalog does not know.
-const MeterSpec* findSpec(const std::string& name);
+const MeterEntry* findEntry(const std::string& name);
 
 // The names in the registry, sorted: libmeters.so filled it when it was loaded.
 std::vector<std::string> registeredNames();

@@ -168,21 +168,21 @@ long long msSince(Clock::time_point t0) {
     return std::chrono::duration_cast<milliseconds>(Clock::now() - t0).count();
 }
 
-AsyncTriggerPayload payloadOf(const MeterSpec::Event& event) {
+AsyncTriggerPayload payloadOf(const MeterEntry::Event& event) {
     AsyncTriggerPayload payload;
     payload.hintId = event.hintId;
     payload.hintType = event.hintType;
     return payload;
 }
 
-void runSampling(Meter& meter, const MeterSpec& spec, const RunOptions& o, EventSchedule& schedule,
-                 ReadingPrinter& printer) {
+void runSampling(Meter& meter, const MeterEntry& entry, const RunOptions& o,
+                 EventSchedule& schedule, ReadingPrinter& printer) {
     std::mutex mutex;
     std::condition_variable returned;
     bool done = false;
     // Where start() takes its pending list without a lock, nothing is delivered until the
     // runner's first sleep shows it has taken it.
-    std::atomic<bool> listTaken{!spec.listWithoutLock};
+    std::atomic<bool> listTaken{!entry.listWithoutLock};
     std::atomic<std::thread::id> runnerId{};
     const seams::SleepHook previousSleep = seams::sleepHook();
     seams::setSleepHook([&listTaken, &runnerId, previousSleep](uint32_t us) {
@@ -213,7 +213,7 @@ void runSampling(Meter& meter, const MeterSpec& spec, const RunOptions& o, Event
                 end = "stopped by Ctrl-C";
                 nextStop = now;
             } else if (now >= nextReading) {
-                printer.print(msSince(t0), true, readMeter(spec.name, meter, true));
+                printer.print(msSince(t0), true, readMeter(entry.name, meter, true));
                 nextReading += interval;
                 if (o.count > 0 && ++readings >= o.count) {
                     end = "stopped after " + std::to_string(o.count) + " readings";
@@ -222,8 +222,8 @@ void runSampling(Meter& meter, const MeterSpec& spec, const RunOptions& o, Event
             }
         }
         if (now >= nextStop && listTaken) {
-            if (spec.stopEvent)
-                meter.asyncTriggerUpdate(payloadOf(*spec.stopEvent));
+            if (entry.stopEvent)
+                meter.asyncTriggerUpdate(payloadOf(*entry.stopEvent));
             nextStop = now + kStopRepeat;
         }
         const Clock::time_point wake =
@@ -237,17 +237,17 @@ void runSampling(Meter& meter, const MeterSpec& spec, const RunOptions& o, Event
     lock.unlock();
     runner.join();
     seams::setSleepHook(previousSleep);
-    printer.print(msSince(t0), false, readMeter(spec.name, meter, false), end);
+    printer.print(msSince(t0), false, readMeter(entry.name, meter, false), end);
 }
 
-void runReader(Meter& meter, const MeterSpec& spec, const RunOptions& o, EventSchedule& schedule,
+void runReader(Meter& meter, const MeterEntry& entry, const RunOptions& o, EventSchedule& schedule,
                ReadingPrinter& printer) {
     meter.start();
     const Clock::time_point t0 = Clock::now();
     for (int readings = 1;; ++readings) {
         if (schedule.deliverDue(meter, msSince(t0)) > 0)
             meter.start();
-        printer.print(msSince(t0), false, readMeter(spec.name, meter, false));
+        printer.print(msSince(t0), false, readMeter(entry.name, meter, false));
         if (o.count > 0 && readings >= o.count)
             break;
         const Clock::time_point nextReading = t0 + milliseconds(o.intervalMs) * readings;
@@ -260,8 +260,8 @@ void runReader(Meter& meter, const MeterSpec& spec, const RunOptions& o, EventSc
         if (interrupted())
             break;
     }
-    if (spec.stopEvent) {
-        meter.asyncTriggerUpdate(payloadOf(*spec.stopEvent));
+    if (entry.stopEvent) {
+        meter.asyncTriggerUpdate(payloadOf(*entry.stopEvent));
         meter.start();
     }
 }
@@ -275,7 +275,7 @@ std::string knownMeters() {
 
 std::string checkMeterName(const std::string& name) {
     const std::vector<std::string> names = registeredNames();
-    if (std::find(names.begin(), names.end(), name) == names.end() || findSpec(name) == nullptr)
+    if (std::find(names.begin(), names.end(), name) == names.end() || findEntry(name) == nullptr)
         return "unknown meter '" + name + "'; known meters: " + knownMeters();
     return {};
 }
@@ -299,8 +299,8 @@ void run(const RunOptions& o, const CLI::Option& samplesOption, Output& io) {
     if (samplesOption.count() > 0)
         info.numSamples = o.samples;
     std::vector<TimedEvent> events = file.events;
-    for (const std::string& spec : o.events)
-        events.push_back(parseEvent(spec));
+    for (const std::string& text : o.events)
+        events.push_back(parseEvent(text));
 
     std::vector<std::string> apps;
     for (const TimedEvent& event : events) {
@@ -332,7 +332,7 @@ void run(const RunOptions& o, const CLI::Option& samplesOption, Output& io) {
         io.err << "meterctl run: the factory of " << info.name << " returned no meter\n";
         throw CLI::RuntimeError(1);
     }
-    const MeterSpec& spec = *findSpec(info.name);
+    const MeterEntry& entry = *findEntry(info.name);
     std::vector<TimedEvent> timed;
     for (const TimedEvent& event : events) {
         if (event.atMs) {
@@ -344,10 +344,10 @@ void run(const RunOptions& o, const CLI::Option& samplesOption, Output& io) {
     EventSchedule schedule(std::move(timed));
     ReadingPrinter printer(io.out, info.name, o.json);
     const ScopedInterrupt interrupt;
-    if (spec.sampling) {
-        runSampling(*meter, spec, o, schedule, printer);
+    if (entry.sampling) {
+        runSampling(*meter, entry, o, schedule, printer);
     } else {
-        runReader(*meter, spec, o, schedule, printer);
+        runReader(*meter, entry, o, schedule, printer);
     }
 }
 
